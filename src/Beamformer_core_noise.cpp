@@ -1,0 +1,4 @@
+// Placeholder: filled in by the stage's owner.
+#include "Beamformer_core.h"
+
+void Bf_NoiseEstimate(BfCoreState &) {}

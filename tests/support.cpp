@@ -1,0 +1,38 @@
+#include "support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+namespace kivbf_test {
+
+WorkingBuffer::WorkingBuffer() : size_(KivBf_GetBufferSize()) {
+    data_ = std::aligned_alloc(16, (size_ + 15u) & ~15u);
+}
+
+WorkingBuffer::~WorkingBuffer() { std::free(data_); }
+
+AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry, uint32_t sample_rate,
+                                   float distance_cm) {
+    AudioBfInit init = DefaultInit(sample_rate, distance_cm);
+    AudioBfHandle handle = KivBf_Init(buffer.data(), &init);
+    EXPECT_NE(handle, nullptr);
+    AudioBfConfig config{};
+    EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);
+    config.temperature = 20;
+    EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
+    EXPECT_EQ(KivBf_SetShape(handle, geometry), KIVBF_OK);
+    return handle;
+}
+
+void CaptureStart() {
+    std::fflush(stdout);
+    testing::internal::CaptureStdout();
+}
+
+std::string CaptureStop() {
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+}  // namespace kivbf_test

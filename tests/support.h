@@ -1,0 +1,41 @@
+// Helpers shared by the tests: a working buffer with the alignment malloc
+// gives, a handle configured the usual way, and stdout capture.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "AudioBfProcess.h"
+
+namespace kivbf_test {
+
+// Owns one 16-byte aligned working buffer of KivBf_GetBufferSize() bytes.
+class WorkingBuffer {
+public:
+    WorkingBuffer();
+    ~WorkingBuffer();
+    WorkingBuffer(const WorkingBuffer &) = delete;
+    WorkingBuffer &operator=(const WorkingBuffer &) = delete;
+    void *data() const { return data_; }
+    uint32_t size() const { return size_; }
+
+private:
+    void *data_;
+    uint32_t size_;
+};
+
+inline AudioBfInit DefaultInit(uint32_t sample_rate = 16000, float distance_cm = 5.0f) {
+    return AudioBfInit{128, sample_rate, distance_cm, 2};
+}
+
+// Init, SetConfig (defaults with temperature 20), SetShape(geometry); asserts
+// each succeeded. Does not call SetMode.
+AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry = 0,
+                                   uint32_t sample_rate = 16000, float distance_cm = 5.0f);
+
+// Captures what is printed to stdout between Start and Stop.
+void CaptureStart();
+std::string CaptureStop();
+
+}  // namespace kivbf_test

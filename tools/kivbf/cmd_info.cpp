@@ -1,0 +1,8 @@
+#include <cstdio>
+
+#include "commands.h"
+
+int Command_Info(int, char **) {
+    std::fprintf(stderr, "kivbf info: not built yet\n");
+    return 1;
+}
