@@ -1,10 +1,240 @@
-// Placeholder: filled in by the stage's owner.
+// Operating controls: mode, adaptive intensity, dynamic loading, post-filter
+// flow and calibration.
 #include "AudioBfProcess_internal.h"
+#include "debug_msglevel.h"
+
+using namespace kivbf;
+
+namespace {
+
+struct IntensityPreset {
+    float scale;  // intensity_scale: multiplies the noise estimate
+    float floor;  // intensity_floor: -3, -10, -20, -30, -30 dB as amplitudes
+    float limit;  // intensity_limit: mode 3 only
+};
+
+// Intensities 3 and 4 share their floor and differ in scale and limit.
+constexpr IntensityPreset kIntensityPresets[] = {
+    {0.4f, 0.70710677f, -5.0f},
+    {0.6f, 0.31622699f, -6.0f},
+    {0.8f, 0.1f, -8.0f},
+    {1.0f, 0.0316227f, -9.0f},
+    {1.2342f, 0.0316227f, -10.0f},
+};
+constexpr int32_t kMaxIntensity = 4;
+
+constexpr float kMode3Scale = 0.049787f;  // e^-3
+constexpr float kPfMix = 0.001f;
+
+constexpr uint32_t kMaxMode = KIVBF_MODE_POSTFILTER_NO_BAND;
+constexpr int32_t kBandCount = 6;
+constexpr int32_t kLoadingBands = kBandCount + 1;
+constexpr int32_t kMinBand = 1;
+constexpr int32_t kMaxBand = 128;
+constexpr int32_t kMinLoadingFactor = 1;
+constexpr int32_t kMaxLoadingFactor = 1000;
+constexpr uint32_t kMaxPfFlow = 2;
+
+// Prerequisite flags, then the handle check; the first failure's status.
+uint32_t CheckReady(const BfCoreState &s, uint32_t needs, const char *name) {
+    const uint32_t status = Bf_CheckPrerequisites(s, needs, name);
+    if (status != KIVBF_OK) return status;
+    return Bf_HandleCheck(s, s.debug_level, name);
+}
+
+// Loading of every bin from the band edges: band j spans bins
+// [band[j-1], band[j]), band 0 everything below band[0].
+void ApplyBandLoading(BfCoreState &s) {
+    for (int32_t k = 0; k < kBins; ++k) {
+        int32_t band = 0;
+        while (band < kBandCount && s.band[band] <= k) ++band;
+        s.bin_loading[k] = s.loading_base * static_cast<float>(s.dl_intensity[band]);
+    }
+}
+
+}  // namespace
 
 extern "C" {
-uint32_t KivBf_SetMode(AudioBfHandle, uint32_t, float) { return 0; }
-uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle, int32_t) { return 0; }
-uint32_t KivBf_DynamicLoading(AudioBfHandle, const int32_t *, const int32_t *, uint32_t) { return 0; }
-uint32_t KivBf_SetPfFlow(AudioBfHandle, uint32_t) { return 0; }
-uint32_t KivBf_SetCalibration(AudioBfHandle, uint32_t) { return 0; }
+
+uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetMode] Fail! The handle is NULL!!\r\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    s.mode_flag = 0;
+    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetMode");
+    if (status != KIVBF_OK) return status;
+
+    const int32_t level = s.debug_level;
+    if (mode > kMaxMode) {
+        DML_PRINT(level, DML_ERR,
+                  "[%s] %s[BF] [SetMode] Fail! The mode can only be set as one of [%d,%d,%d,%d,%d]!\t\n",
+                  0, 1, 2, 3, 4);
+        return KIVBF_ERR_MODE;
+    }
+    s.mode = static_cast<int32_t>(mode);
+
+    switch (mode) {
+        case KIVBF_MODE_ADAPTIVE:
+            Bf_ResetCovariance(s);
+            break;
+        case KIVBF_MODE_FIXED:
+            s.steering_angle = angle + 90.0f;
+            Bf_DesignFixedBeam(s);
+            break;
+        case KIVBF_MODE_FIXED_CANCELLER:
+            s.steering_angle = angle + 90.0f;
+            Bf_DesignFixedBeam(s);
+            Bf_ResetCanceller(s);
+            break;
+        case KIVBF_MODE_POSTFILTER:
+            Bf_ResetCovariance(s);
+            Bf_SetUnityGains(s);
+            break;
+        case KIVBF_MODE_POSTFILTER_NO_BAND:
+            // Refused, but the mode stays stored and KivBf_Run (which does
+            // not look at mode_flag) runs it.
+            DML_PRINT(level, DML_ERR, "[%s] %s[BF] [SetMode] Fail! The current does not support mode 4\t\n");
+            return KIVBF_ERR_MODE;
+        default:
+            DML_PRINT(level, DML_ERR, "[%s] %s[BF] [SetMode] Fail! Please check the mode!\t\n");
+            return KIVBF_ERR_MODE;
+    }
+    s.mode_flag = 1;
+    return KIVBF_OK;
 }
+
+uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    const uint32_t status =
+        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
+    if (status != KIVBF_OK) return status;
+
+    const int32_t level = s.debug_level;
+    if (intensity < 0 || intensity > kMaxIntensity) {
+        DML_PRINT(level, DML_ERR,
+                  "[%s] %s [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of [0,1,2,3,4]\t\n");
+        return KIVBF_ERR_ADAPTIVE_INTENSITY;
+    }
+    s.adaptive_intensity = intensity;
+    const IntensityPreset &preset = kIntensityPresets[intensity];
+
+    if (s.mode == static_cast<int32_t>(KIVBF_MODE_ADAPTIVE)) {
+        s.intensity_scale = preset.scale;
+        s.intensity_floor = preset.floor;
+    }
+    if (s.mode == static_cast<int32_t>(KIVBF_MODE_POSTFILTER)) {
+        s.mode3_scale = kMode3Scale;
+        s.pf_mix = kPfMix;
+        s.intensity_scale = preset.scale;
+        s.intensity_floor = preset.floor;
+        s.intensity_limit = preset.limit;
+    }
+    if (s.mode == static_cast<int32_t>(KIVBF_MODE_POSTFILTER_NO_BAND)) {
+        DML_PRINT(level, DML_ERR,
+                  "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The current does not support mode 4\t\n");
+        return KIVBF_ERR_ADAPTIVE_INTENSITY;
+    }
+    return KIVBF_OK;
+}
+
+uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band, const int32_t *dl_intensity,
+                              uint32_t is_dynamic) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    if (band == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n");
+        return KIVBF_ERR_NULL_POINTER;
+    }
+    if (dl_intensity == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n");
+        return KIVBF_ERR_NULL_POINTER;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "DynamicLoading");
+    if (status != KIVBF_OK) return status;
+
+    const int32_t level = s.debug_level;
+    // Stored before the test: an invalid value stays.
+    s.is_dynamic = is_dynamic;
+    if (is_dynamic != 0 && is_dynamic != 1) {
+        DML_PRINT(level, DML_ERR,
+                  "[%s] %s [BF] [DynamicLoading] Fail! is_dynamic value must be set either %d or %d \r\n", 0, 1);
+        return KIVBF_ERR_DYNAMIC_LOADING;
+    }
+
+    int32_t previous = -1;
+    for (int32_t i = 0; i < kBandCount; ++i) {
+        if (band[i] > kMaxBand || band[i] < kMinBand) {
+            DML_PRINT(level, DML_ERR,
+                      "[%s] %s [BF] [DynamicLoading] Fail! Band value must be set between %d and %d \r\n",
+                      kMinBand, kMaxBand);
+            return KIVBF_ERR_DYNAMIC_LOADING;
+        }
+        if (band[i] <= previous) {
+            DML_PRINT(level, DML_ERR, "[%s] %s [BF] [DynamicLoading] Fail! Band value number must be Ascending\r\n");
+            return KIVBF_ERR_DYNAMIC_LOADING;
+        }
+        previous = band[i];
+    }
+    for (int32_t i = 0; i < kLoadingBands; ++i) {
+        if (dl_intensity[i] > kMaxLoadingFactor || dl_intensity[i] < kMinLoadingFactor) {
+            DML_PRINT(level, DML_ERR,
+                      "[%s] %s [BF] [DynamicLoading] Fail! Intensity value must be set between %d and %d \r\n",
+                      kMinLoadingFactor, kMaxLoadingFactor);
+            return KIVBF_ERR_DYNAMIC_LOADING;
+        }
+    }
+
+    for (int32_t i = 0; i < kBandCount; ++i) s.band[i] = band[i];
+    for (int32_t i = 0; i < kLoadingBands; ++i) s.dl_intensity[i] = dl_intensity[i];
+    ApplyBandLoading(s);
+    return KIVBF_OK;
+}
+
+uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    const uint32_t status =
+        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetPfFlow");
+    if (status != KIVBF_OK) return status;
+
+    if (flow > kMaxPfFlow) {
+        DML_PRINT(s.debug_level, DML_ERR,
+                  "[%s] %s[BF] [SetPfFlow] Fail! The flow can only be set as one of [%d,%d,%d]!\t\n", 0, 1, 2);
+        return KIVBF_ERR_PF_FLOW;
+    }
+    s.pf_flow = static_cast<int32_t>(flow);
+    return KIVBF_OK;
+}
+
+uint32_t KivBf_SetCalibration(AudioBfHandle handle, uint32_t calibration_flag) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetCalibration] Fail! The handle is NULL!!\r\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
+    if (status != KIVBF_OK) return status;
+
+    if (calibration_flag != 0 && calibration_flag != 1) {
+        DML_PRINT(s.debug_level, DML_ERR,
+                  "[%s] %s[BF] [SetCalibration] Fail! The calibration_flag can only be set as one of [%d,%d]!\t\n",
+                  0, 1);
+        return KIVBF_ERR_CALIBRATION;
+    }
+    s.calibration_flag = calibration_flag;
+    return KIVBF_OK;
+}
+
+}  // extern "C"

@@ -1,4 +1,139 @@
-// Placeholder: filled in by the stage's owner.
-#include "AudioBfProcess_internal.h"
+// KivBf_Run: one block through the beamformer.
+#include <cstring>
 
-extern "C" uint32_t KivBf_Run(AudioBfHandle, const int16_t *, int16_t *, const float *) { return 0; }
+#include "AudioBfProcess_internal.h"
+#include "AudioVadProcess.h"
+#include "debug_msglevel.h"
+#include "vector_kernels.h"
+
+using namespace kivbf;
+
+namespace {
+
+constexpr int32_t kHop = static_cast<int32_t>(kPointNumber);
+constexpr float kPcmScale = 32768.0f;
+constexpr float kSilenceRms = 1e-6f;
+
+// Splits the interleaved block into the per-channel staging blocks, holds the
+// canceller when any sample is at full scale, and dumps the staged input.
+void StageInput(BfCoreState &s, const int16_t *input) {
+    for (int32_t i = 0; i < kHop; ++i) {
+        for (int32_t ch = 0; ch < kMics; ++ch) {
+            const int16_t sample = input[kMics * i + ch];
+            s.staging_block[ch][i] = sample;
+            if (sample == 32767 || sample == -32768) s.canceller_hold = 1;
+        }
+    }
+    if (s.dump_mode != 0)
+        for (int32_t ch = 0; ch < kMics; ++ch)
+            Bf_DumpWrite(s.dump_input[ch], s.staging_block[ch], kPointNumber);
+}
+
+// Slides each channel's analysis window by one block.
+void UpdateInputWindows(BfCoreState &s) {
+    for (int32_t ch = 0; ch < kMics; ++ch) {
+        float *window = s.input_window[ch];
+        std::memmove(window, window + kHop, sizeof(float) * kHop);
+        for (int32_t i = 0; i < kHop; ++i)
+            window[kHop + i] = static_cast<float>(s.staging_block[ch][i]) / kPcmScale;
+    }
+}
+
+void DumpOutput(BfCoreState &s, const int16_t *output) {
+    if (s.dump_mode != 0) Bf_DumpWrite(s.dump_output, output, kPointNumber);
+}
+
+void AnswerSilence(BfCoreState &s, int16_t *output) {
+    std::memset(output, 0, sizeof(int16_t) * kHop);
+    DumpOutput(s, output);
+    vec_fill(s.pf_gain, 1.0f, kBins);
+}
+
+void TakeDirection(BfCoreState &s, float direction) {
+    s.target_angle = direction + 90.0f;
+    if (s.array_geometry == KIVBF_GEOMETRY_LINEAR && s.target_angle >= 180.0f)
+        s.target_angle = 360.0f - s.target_angle;  // a line cannot tell front from back
+}
+
+// The adaptive stages learn the noise only in blocks without the talker.
+bool IsNoiseBlock(const BfCoreState &s) {
+    if (s.vad_enable == 1) return s.vad_decision == 0;
+    return s.input_rms * kPcmScale < static_cast<float>(s.noise_threshold_q15);
+}
+
+bool IsAdaptiveMode(int32_t mode) { return mode == 0 || mode == 3 || mode == 4; }
+bool HasPostFilter(int32_t mode) { return mode == 3 || mode == 4; }
+
+}  // namespace
+
+extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_t *output,
+                              const float *direction) {
+    if (handle == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The handle is NULL\t\n");
+        return KIVBF_ERR_HANDLE;
+    }
+    if (input == nullptr || output == nullptr || direction == nullptr) {
+        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The input pointer is NULL\t\n");
+        return KIVBF_ERR_NULL_POINTER;
+    }
+    BfCoreState &s = *Bf_StateOf(handle);
+    s.run_flag = 0;
+    uint32_t status =
+        Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "Run");
+    if (status != KIVBF_OK) return status;
+    status = Bf_HandleCheck(s, s.debug_level, "Run");
+    if (status != KIVBF_OK) return status;
+    status = Bf_DumpFollowEnvironment(s);
+    if (status != KIVBF_OK) return status;
+
+    StageInput(s, input);
+    UpdateInputWindows(s);
+    Bf_InputLevel(s);
+    if (s.input_rms < kSilenceRms) {
+        AnswerSilence(s, output);
+        return KIVBF_OK;
+    }
+    s.vad_decision = KivVad_Run(s.vad_instance, s.staging_block[0]);
+
+    Bf_Analysis(s);
+    Bf_Calibrate(s);
+    TakeDirection(s, *direction);
+
+    const int32_t mode = s.mode;
+    if (IsAdaptiveMode(mode)) {
+        Bf_TargetSteering(s);
+        Bf_NoiseEstimate(s);
+    }
+    if (HasPostFilter(mode)) {
+        Bf_SpectraAverage(s);
+        Bf_CoherenceDetect(s);
+        Bf_DirectionScore(s);
+        Bf_DirectionWeight(s);
+    }
+    if (mode == 3) Bf_BandWeighting(s);
+    if (IsAdaptiveMode(mode) && IsNoiseBlock(s)) {
+        Bf_NoiseCovarianceUpdate(s);
+        Bf_AdaptiveWeights(s);
+    }
+
+    Bf_BeamSum(s);
+    if (mode == 2) {
+        if (s.canceller_hold == 0) Bf_Canceller(s);
+        s.canceller_hold = 0;
+    }
+
+    vec_fill(s.pf_gain, 1.0f, kBins);
+    if (HasPostFilter(mode)) {
+        Bf_PostFilterGain(s);
+        if (s.pf_flow == 1)
+            Bf_PostFilterApply(s);
+        else
+            Bf_PostFilterMix(s);
+    }
+
+    Bf_Synthesis(s, s.beam_output, s.synth_frame);
+    Bf_OutputStage(s, output);
+    DumpOutput(s, output);
+    s.run_flag = 1;
+    return KIVBF_OK;
+}

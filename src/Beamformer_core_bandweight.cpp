@@ -1,4 +1,73 @@
-// Placeholder: filled in by the stage's owner.
-#include "Beamformer_core.h"
+// Mode-3 band weighting.
+//
+// While a coherent source persists, the per-bin direction weights are scaled
+// by three smoothed band weights: each is the logistic of a band's mean
+// direction score, so a band that points away from the target as a whole is
+// held down even where single bins happen to agree. Without a coherent source
+// every bin passes with weight 1.
+#include <cmath>
 
-void Bf_BandWeighting(BfCoreState &) {}
+#include "Beamformer_core.h"
+#include "vector_kernels.h"
+
+using namespace kivbf;
+
+namespace {
+
+// Bins whose direction scores are averaged.
+constexpr int32_t kLowScoreFirst = 16;
+constexpr int32_t kLowScoreCount = 16;   // bins 16..31
+constexpr int32_t kWideScoreFirst = 16;
+constexpr int32_t kWideScoreCount = 72;  // bins 16..87
+
+// Bins each band weight scales: 0..7 low, 8..31 mid, 32..128 wide.
+constexpr int32_t kLowBins = 8;
+constexpr int32_t kMidFirst = 8;
+constexpr int32_t kMidBins = 24;
+constexpr int32_t kWideFirst = 32;
+constexpr int32_t kWideBins = kBins - kWideFirst;
+
+constexpr double kNewShare = 0.99;
+constexpr double kOldShare = 1.0 - kNewShare;
+
+float SumScores(const float *score, int32_t first, int32_t count) {
+    float sum = 0.0f;
+    for (int32_t k = first; k < first + count; ++k) {
+        sum += score[k];
+    }
+    return sum;
+}
+
+// old x 0.01 + 0.99 / (scale x exp(slope x (mean - 1)) + 1), in double.
+float SmoothBandWeight(float old_weight, float score_sum, int32_t count, float scale,
+                       float slope) {
+    const float offset = score_sum / static_cast<float>(count) - 1.0f;
+    const double logistic_denominator =
+        static_cast<double>(scale) *
+            std::exp(static_cast<double>(slope) * static_cast<double>(offset)) +
+        1.0;
+    return static_cast<float>(kOldShare * old_weight + kNewShare / logistic_denominator);
+}
+
+}  // namespace
+
+void Bf_BandWeighting(BfCoreState &s) {
+    if (s.coherent_flag != 1) {
+        vec_fill(s.direction_weight, 1.0f, kBins);
+        return;
+    }
+    const float low_sum = SumScores(s.direction_score, kLowScoreFirst, kLowScoreCount);
+    const float wide_sum = SumScores(s.direction_score, kWideScoreFirst, kWideScoreCount);
+    s.band_weight_low = SmoothBandWeight(s.band_weight_low, low_sum, kLowScoreCount,
+                                         s.mode3_scale, s.intensity_limit);
+    s.band_weight_wide = SmoothBandWeight(s.band_weight_wide, wide_sum, kWideScoreCount,
+                                          s.mode3_scale, s.intensity_limit);
+    const double geometric_mean = std::sqrt(static_cast<double>(s.band_weight_low) *
+                                            static_cast<double>(s.band_weight_wide));
+    s.band_weight_mid =
+        static_cast<float>(kOldShare * s.band_weight_mid + kNewShare * geometric_mean);
+
+    vec_scale(s.direction_weight, s.band_weight_low, kLowBins);
+    vec_scale(s.direction_weight + kMidFirst, s.band_weight_mid, kMidBins);
+    vec_scale(s.direction_weight + kWideFirst, s.band_weight_wide, kWideBins);
+}

@@ -1,6 +1,8 @@
 // Beam design and the preparations KivBf_SetMode makes for each mode.
-#include "Beamformer_core.h"
+#include <cmath>
 
+#include "Beamformer_core.h"
+#include "complex_matrix.h"
 #include "vector_kernels.h"
 
 using namespace kivbf;
@@ -28,4 +30,91 @@ void Bf_SetUnityGains(BfCoreState &s) {
     vec_fill(s.unit_vector, 1.0f, kBins);
 }
 
-void Bf_DesignFixedBeam(BfCoreState &) {}
+namespace {
+
+// Element (row, column) of a 2 x 2 complex matrix: offset of its real part.
+constexpr int32_t Element(int32_t row, int32_t column) { return 2 * (2 * row + column); }
+
+// Diffuse-field coherence of bin k, halved by the microphone count and loaded.
+void DesignCoherence(BfCoreState &s, int32_t k, float wavenumber_per_hz) {
+    float *gamma = s.design_coherence;
+    for (int32_t i = 0; i < kMics; ++i) {
+        for (int32_t j = 0; j < kMics; ++j) {
+            const float distance = s.mic_distance_matrix[i][j];
+            float coherence = 1.0f;
+            if (k != 0 && distance != 0.0f) {
+                const float x = s.bin_frequency[k] * wavenumber_per_hz * distance;
+                coherence = static_cast<float>(std::sin(static_cast<double>(x))) / x;
+            }
+            gamma[Element(i, j)] = coherence;
+            gamma[Element(i, j) + 1] = 0.0f;
+        }
+    }
+    cmat2_normalise(gamma, s.design_normaliser, gamma);
+    gamma[Element(0, 0)] += s.bin_loading[k];
+    gamma[Element(1, 1)] += s.bin_loading[k];
+}
+
+}  // namespace
+
+// Superdirective (diffuse-noise MVDR) weights toward steering_angle:
+// w = (G/2 + mu I)^-1 a / (a^H (G/2 + mu I)^-1 a), stored conjugated.
+void Bf_DesignFixedBeam(BfCoreState &s) {
+    s.design_normaliser[0] = 2.0f;
+    s.design_normaliser[1] = 0.0f;
+
+    const float wavenumber_per_hz = static_cast<float>(kTwoPi / static_cast<double>(s.speed_of_sound));
+    const double look = static_cast<double>(s.steering_angle / 180.0f) * kPi;
+    for (int32_t m = 0; m < kMics; ++m) {
+        const double projection = std::cos(look) * s.mic_position[m][0] + std::sin(look) * s.mic_position[m][1];
+        s.mic_phase_rate[m] = static_cast<float>(projection * wavenumber_per_hz);
+    }
+
+    float *steering = s.design_steering;
+    float *conjugate = s.design_conjugate;
+    float *gamma = s.design_coherence;
+    float *product = s.design_product;
+    float *scalar = s.design_scalar;
+    for (int32_t k = 0; k < kBins; ++k) {
+        const float frequency = s.bin_frequency[k];
+        for (int32_t i = 0; i < kCmat2Floats; ++i) {
+            steering[i] = 0.0f;
+            conjugate[i] = 0.0f;
+        }
+        for (int32_t m = 0; m < kMics; ++m) {
+            float re = 1.0f;
+            float im = 0.0f;
+            if (s.mic_phase_rate[m] != 0.0f) {
+                const double phase = frequency * s.mic_phase_rate[m];
+                re = static_cast<float>(std::cos(phase));
+                im = static_cast<float>(std::sin(phase));
+            }
+            steering[Element(m, 0)] = re;
+            steering[Element(m, 0) + 1] = im;
+            conjugate[Element(0, m)] = re;
+            conjugate[Element(0, m) + 1] = -im;
+        }
+
+        DesignCoherence(s, k, wavenumber_per_hz);
+        cmat2_inverse(gamma, gamma);
+        cmat2_product(gamma, steering, product);
+        cmat2_product(conjugate, gamma, scalar);
+        cmat2_product(scalar, steering, scalar);
+
+        const float d_re = scalar[0];
+        const float d_im = scalar[1];
+        const float magnitude = d_re * d_re + d_im * d_im;
+        for (int32_t m = 0; m < kMics; ++m) {
+            const float p_re = product[Element(m, 0)];
+            const float p_im = product[Element(m, 0) + 1];
+            const float w_re = (p_re * d_re + p_im * d_im) / magnitude;
+            const float w_im = (p_im * d_re - p_re * d_im) / magnitude;
+            s.beam_weights[m][2 * k] = w_re;
+            s.beam_weights[m][2 * k + 1] = -w_im;
+        }
+
+        const double relative_phase = frequency * (s.mic_phase_rate[1] - s.mic_phase_rate[0]);
+        s.steering_phase[2 * k] = static_cast<float>(std::cos(relative_phase));
+        s.steering_phase[2 * k + 1] = static_cast<float>(std::sin(relative_phase));
+    }
+}

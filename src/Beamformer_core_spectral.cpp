@@ -1,5 +1,30 @@
-// Placeholder: filled in by the stage's owner.
-#include "Beamformer_core.h"
+// Short-time analysis and synthesis: sine-windowed 256-point frames, hop 128.
+#include <cstring>
 
-void Bf_Analysis(BfCoreState &) {}
-void Bf_Synthesis(BfCoreState &, const float *, float *) {}
+#include "Beamformer_core.h"
+#include "vector_kernels.h"
+#include "windowfilt.h"
+
+namespace {
+constexpr float kPcmScale = 32768.0f;  // internal full scale 1.0 back to 16-bit PCM
+constexpr size_t kSpectrumBytes = sizeof(float) * kivbf::kSpectrumFloats;
+}  // namespace
+
+void Bf_Analysis(BfCoreState &s) {
+    for (int32_t ch = 0; ch < kivbf::kMics; ++ch) {
+        vec_fill(s.fft_buffer, 0.0f, kivbf::kSpectrumFloats);
+        std::memcpy(s.fft_buffer, s.input_window[ch], sizeof s.input_window[ch]);
+        WindowFilter_Apply(s.fft_buffer, WINDOW_ANALYSIS);
+        FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_FORWARD, s.fft_buffer, s.fft_work_ip,
+                 s.fft_work_w);
+        std::memcpy(s.mic_spectrum[ch], s.fft_buffer, kSpectrumBytes);
+    }
+}
+
+void Bf_Synthesis(BfCoreState &s, const float *spectrum, float *destination) {
+    std::memcpy(s.fft_buffer, spectrum, kSpectrumBytes);
+    FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_INVERSE, s.fft_buffer, s.fft_work_ip,
+             s.fft_work_w);
+    WindowFilter_Apply(s.fft_buffer, WINDOW_SYNTHESIS);
+    for (int32_t n = 0; n < kivbf::kFftSize; ++n) destination[n] = kPcmScale * s.fft_buffer[n];
+}

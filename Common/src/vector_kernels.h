@@ -43,3 +43,6 @@ int32_t vec_scale(float *a, float c, int32_t n);  // in place
 float vec_dot(const float *a, const float *b, int32_t n);
 // out = exp(a) element-wise (used by the noise estimator and direction weights).
 int32_t vec_exp(const float *a, float *out, int32_t n);
+// "neon" when the kernels were built on the target's NEON unit, "simde" when
+// the same intrinsics were emulated (x86 builds).
+const char *vec_kernels_backend();

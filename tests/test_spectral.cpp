@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "Beamformer_core.h"
+#include "window.h"
+#include "windowfilt.h"
+
+namespace {
+
+constexpr int32_t kHop = 128;
+constexpr int32_t kFrame = 256;
+
+// Full 256-point window built from the half table, as the filter defines it.
+double FullWindow(int32_t m) { return std::sin(M_PI * m / kFrame); }
+
+TEST(WindowTables, HoldSinglePrecisionSineHalvesOfEveryLength) {
+    EXPECT_EQ(sizeof FloatingFftInWindow64 / sizeof(float), 33u);
+    EXPECT_EQ(sizeof FloatingFftInWindow128 / sizeof(float), 65u);
+    EXPECT_EQ(sizeof FloatingFftInWindow256 / sizeof(float), 129u);
+    EXPECT_EQ(sizeof FloatingFftInWindow512 / sizeof(float), 257u);
+    for (int32_t n = 0; n <= 256; ++n)
+        EXPECT_NEAR(FloatingFftInWindow512[n], std::sin(M_PI * n / 512), 3e-8) << n;
+    // The same angles in every table give the same float.
+    for (int32_t n = 0; n <= 32; ++n) {
+        EXPECT_EQ(FloatingFftInWindow64[n], FloatingFftInWindow512[8 * n]) << n;
+        EXPECT_EQ(FloatingFftInWindow128[2 * n], FloatingFftInWindow512[8 * n]) << n;
+        EXPECT_EQ(FloatingFftInWindow256[4 * n], FloatingFftInWindow512[8 * n]) << n;
+    }
+    const float *w = FloatingFftInWindow256;
+    EXPECT_EQ(w[0], 0.0f);
+    EXPECT_EQ(w[128], 1.0f);
+    EXPECT_NEAR(w[1], 0.0122715f, 1e-7);
+    EXPECT_NEAR(w[2], 0.0245412f, 1e-7);
+    EXPECT_NEAR(w[64], 0.7071068f, 1e-7);
+    EXPECT_NEAR(w[127], 0.9999247f, 1e-7);
+    EXPECT_EQ(FftInWindow, FloatingFftInWindow256);
+    EXPECT_EQ(FftOutWindow, FloatingFftInWindow256);
+}
+
+TEST(WindowFilter, AppliesTheFullSymmetricWindowForBothSelectorsOnly) {
+    for (int32_t selector : {WINDOW_ANALYSIS, WINDOW_SYNTHESIS}) {
+        std::vector<float> frame(kFrame, 1.0f);
+        WindowFilter_Apply(frame.data(), selector);
+        EXPECT_EQ(frame[0], 0.0f);
+        EXPECT_EQ(frame[128], 1.0f);
+        for (int32_t m = 1; m < kHop; ++m) EXPECT_EQ(frame[m], frame[kFrame - m]) << m;
+        for (int32_t m = 0; m < kFrame; ++m) EXPECT_NEAR(frame[m], FullWindow(m), 3e-8) << m;
+        // Analysis times synthesis window, overlapped by one hop, is 1.
+        for (int32_t m = 0; m < kHop; ++m)
+            EXPECT_NEAR(frame[m] * frame[m] + frame[m + kHop] * frame[m + kHop], 1.0f, 1e-6);
+    }
+    for (int32_t selector : {-1, 2, 3, 255}) {
+        std::vector<float> frame(kFrame, 0.5f);
+        WindowFilter_Apply(frame.data(), selector);
+        EXPECT_EQ(frame, std::vector<float>(kFrame, 0.5f)) << selector;
+    }
+}
+
+// A zeroed core state with its FFT set up in a region of its own.
+class SpectralTest : public testing::Test {
+protected:
+    void SetUp() override {
+        state_ = static_cast<BfCoreState *>(std::aligned_alloc(alignof(BfCoreState), sizeof(BfCoreState)));
+        std::memset(state_, 0, sizeof(BfCoreState));
+        region_.reset(new unsigned char[FFT_GetBufferSize(kFrame)]);
+        state_->fft_record.fft_Ne10_cfg = region_.get();
+        state_->fft_record.fft_size = kFrame;
+        FFT_Init(&state_->fft_record);
+        ASSERT_EQ(state_->fft_record.ne10_init_flag, 1);
+    }
+    void TearDown() override { std::free(state_); }
+
+    // What the frame driver does: slide each window by one hop, append the block.
+    void PushBlock(const std::vector<float> &mic0, const std::vector<float> &mic1) {
+        for (int32_t ch = 0; ch < 2; ++ch) {
+            float *window = state_->input_window[ch];
+            std::memmove(window, window + kHop, sizeof(float) * kHop);
+            std::memcpy(window + kHop, (ch == 0 ? mic0 : mic1).data(), sizeof(float) * kHop);
+        }
+    }
+
+    BfCoreState *state_ = nullptr;
+    std::unique_ptr<unsigned char[]> region_;
+};
+
+TEST_F(SpectralTest, UnchangedSpectrumComesBackOneBlockLateAtPcmScale) {
+    std::mt19937 rng(1);
+    std::uniform_int_distribution<int> pcm(-32768, 32767);
+    std::vector<std::vector<float>> blocks(6, std::vector<float>(kHop));
+    for (auto &block : blocks)
+        for (float &x : block) x = static_cast<float>(pcm(rng)) / 32768.0f;
+
+    std::vector<float> overlap(kFrame, 0.0f);
+    for (size_t b = 0; b < blocks.size(); ++b) {
+        PushBlock(blocks[b], blocks[(b + 1) % blocks.size()]);
+        Bf_Analysis(*state_);
+        Bf_Synthesis(*state_, state_->mic_spectrum[0], state_->synth_frame);
+        for (int32_t m = 0; m < kFrame; ++m) overlap[m] += state_->synth_frame[m];
+        for (int32_t m = 0; m < kHop; ++m) {
+            const float expected = b == 0 ? 0.0f : 32768.0f * blocks[b - 1][m];
+            EXPECT_NEAR(overlap[m], expected, 0.02) << "block " << b << " sample " << m;
+        }
+        std::memmove(overlap.data(), overlap.data() + kHop, sizeof(float) * kHop);
+        std::fill(overlap.begin() + kHop, overlap.end(), 0.0f);
+    }
+}
+
+TEST_F(SpectralTest, EachMicrophoneGetsTheTransformOfItsWindowedFrame) {
+    std::vector<float> mic0(kHop), mic1(kHop);
+    for (int32_t m = 0; m < kHop; ++m) {
+        mic0[m] = 0.5f * std::sin(0.3f * m);
+        mic1[m] = 0.25f * std::cos(0.11f * m);
+    }
+    PushBlock(mic1, mic0);
+    PushBlock(mic0, mic1);
+    Bf_Analysis(*state_);
+    for (int32_t ch = 0; ch < 2; ++ch) {
+        for (int32_t k : {0, 5, 40, 128}) {
+            double re = 0.0, im = 0.0;
+            for (int32_t m = 0; m < kFrame; ++m) {
+                const double x = state_->input_window[ch][m] * FullWindow(m);
+                re += x * std::cos(2.0 * M_PI * k * m / kFrame);
+                im -= x * std::sin(2.0 * M_PI * k * m / kFrame);
+            }
+            EXPECT_NEAR(state_->mic_spectrum[ch][2 * k], re, 1e-5) << ch << " bin " << k;
+            EXPECT_NEAR(state_->mic_spectrum[ch][2 * k + 1], im, 1e-5) << ch << " bin " << k;
+        }
+    }
+}
+
+TEST_F(SpectralTest, SilenceAndConstantInput) {
+    Bf_Analysis(*state_);
+    for (const auto &spectrum : state_->mic_spectrum)
+        for (float x : spectrum) EXPECT_EQ(x, 0.0f);
+    Bf_Synthesis(*state_, state_->mic_spectrum[0], state_->synth_frame);
+    for (float x : state_->synth_frame) EXPECT_EQ(x, 0.0f);
+
+    const float a = 0.125f;
+    std::vector<float> block(kHop, a);
+    PushBlock(block, block);
+    PushBlock(block, block);
+    Bf_Analysis(*state_);
+    double window_sum = 0.0;
+    for (int32_t m = 0; m < kFrame; ++m) window_sum += FullWindow(m);
+    for (int32_t ch = 0; ch < 2; ++ch) {
+        EXPECT_NEAR(state_->mic_spectrum[ch][0], a * window_sum, 1e-5);
+        EXPECT_EQ(state_->mic_spectrum[ch][1], 0.0f);
+        EXPECT_EQ(state_->mic_spectrum[ch][2 * 128 + 1], 0.0f);
+    }
+}
+
+}  // namespace
