@@ -111,14 +111,21 @@ TEST_F(RunFixture, InputWindowHoldsPreviousAndCurrentBlockPerChannel) {
         }
 }
 
+// The canceller must not adapt on a clipped block; only mode 2 clears the hold.
 TEST_F(RunFixture, FullScaleSampleHoldsTheCancellerClearedOnlyInMode2) {
     for (uint32_t mode : {1u, 2u}) {
         AudioBfHandle h = MakeConfiguredHandle(buffer);
         ASSERT_EQ(KivBf_SetMode(h, mode, 0.0f), KIVBF_OK);
-        std::vector<int16_t> in = SineBlock(1000);
+        const std::vector<float> filter(State().anc_filter, State().anc_filter + 258);
+        std::vector<int16_t> in = SineBlock(8000);
         in[2 * 40 + 1] = -32768;
         ASSERT_EQ(Run(in), KIVBF_OK);
         EXPECT_EQ(State().canceller_hold, mode == 2 ? 0 : 1) << "mode " << mode;
+        EXPECT_EQ(std::vector<float>(State().anc_filter, State().anc_filter + 258), filter);
+        ASSERT_EQ(Run(SineBlock(8000, 1)), KIVBF_OK);
+        const bool adapted =
+            std::vector<float>(State().anc_filter, State().anc_filter + 258) != filter;
+        EXPECT_EQ(adapted, mode == 2) << "mode " << mode;
     }
 }
 

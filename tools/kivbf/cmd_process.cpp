@@ -76,8 +76,8 @@ private:
 };
 
 // Where the mono output goes. Raw output on stdout uses a duplicate of the
-// original descriptor, and the library's messages (printed to stdout) are
-// moved to stderr so that they cannot corrupt the stream.
+// original descriptor, since stdout itself is handed to the library's
+// messages (see MoveLibraryMessagesToStderr).
 class Sink {
 public:
     ~Sink() {
@@ -88,8 +88,7 @@ public:
         if (std::strcmp(path, "-") == 0) {
             std::fflush(stdout);
             const int fd = dup(STDOUT_FILENO);
-            if (fd < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return false;
-            raw_ = fdopen(fd, "wb");
+            raw_ = fd < 0 ? nullptr : fdopen(fd, "wb");
             return raw_ != nullptr;
         }
         SF_INFO info{};
@@ -125,7 +124,7 @@ struct ProcessOptions {
     const char *output = "-";
 };
 
-// 0 to go on, otherwise the exit status (1 for --help is not an error: 0).
+// 0 to go on (also after --help, which sets *help), otherwise the exit status.
 int ParseOptions(int argc, char **argv, ProcessOptions *options, bool *help) {
     int positional = 0;
     for (int i = 0; i < argc; ++i) {
@@ -162,6 +161,13 @@ int ParseOptions(int argc, char **argv, ProcessOptions *options, bool *help) {
         ++positional;
     }
     return 0;
+}
+
+// The library prints its diagnostics on stdout; here they go to stderr, so
+// that stdout carries nothing but audio.
+bool MoveLibraryMessagesToStderr() {
+    std::fflush(stdout);
+    return dup2(STDERR_FILENO, STDOUT_FILENO) >= 0;
 }
 
 class Progress {
@@ -203,7 +209,8 @@ int Command_Process(int argc, char **argv) {
     Source source;
     if (!source.Open(options.input, &options.library.sample_rate, options.rate_given)) return 1;
     Sink sink;
-    if (!sink.Open(options.output, options.library.sample_rate)) return 1;
+    if (!sink.Open(options.output, options.library.sample_rate) || !MoveLibraryMessagesToStderr())
+        return 1;
 
     Beamformer bf(options.library);
     if (!bf.Ok()) {
