@@ -15,11 +15,8 @@ struct IntensityPreset {
 
 // Intensities 3 and 4 share their floor and differ in scale and limit.
 constexpr IntensityPreset kIntensityPresets[] = {
-    {0.4f, 0.70710677f, -5.0f},
-    {0.6f, 0.31622699f, -6.0f},
-    {0.8f, 0.1f, -8.0f},
-    {1.0f, 0.0316227f, -9.0f},
-    {1.2342f, 0.0316227f, -10.0f},
+    {0.4f, 0.70710677f, -5.0f}, {0.6f, 0.31622699f, -6.0f},    {0.8f, 0.1f, -8.0f},
+    {1.0f, 0.0316227f, -9.0f},  {1.2342f, 0.0316227f, -10.0f},
 };
 constexpr int32_t kMaxIntensity = 4;
 
@@ -68,9 +65,10 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
 
     const int32_t level = s.debug_level;
     if (mode > kMaxMode) {
-        DML_PRINT(level, DML_ERR,
-                  "[%s] %s[BF] [SetMode] Fail! The mode can only be set as one of [%d,%d,%d,%d,%d]!\t\n",
-                  0, 1, 2, 3, 4);
+        DML_PRINT(
+            level, DML_ERR,
+            "[%s] %s[BF] [SetMode] Fail! The mode can only be set as one of [%d,%d,%d,%d,%d]!\t\n",
+            0, 1, 2, 3, 4);
         return KIVBF_ERR_MODE;
     }
     s.mode = static_cast<int32_t>(mode);
@@ -95,7 +93,8 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
         case KIVBF_MODE_POSTFILTER_NO_BAND:
             // Refused, but the mode stays stored and KivBf_Run (which does
             // not look at mode_flag) runs it.
-            DML_PRINT(level, DML_ERR, "[%s] %s[BF] [SetMode] Fail! The current does not support mode 4\t\n");
+            DML_PRINT(level, DML_ERR,
+                      "[%s] %s[BF] [SetMode] Fail! The current does not support mode 4\t\n");
             return KIVBF_ERR_MODE;
         default:
             DML_PRINT(level, DML_ERR, "[%s] %s[BF] [SetMode] Fail! Please check the mode!\t\n");
@@ -107,18 +106,20 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
 
 uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
     if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
+        DML_PRINT_ALWAYS(DML_ERR,
+                         "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
         return KIVBF_ERR_HANDLE;
     }
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status =
-        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
+    const uint32_t status = CheckReady(
+        s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
     if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
     if (intensity < 0 || intensity > kMaxIntensity) {
         DML_PRINT(level, DML_ERR,
-                  "[%s] %s [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of [0,1,2,3,4]\t\n");
+                  "[%s] %s [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of "
+                  "[0,1,2,3,4]\t\n");
         return KIVBF_ERR_ADAPTIVE_INTENSITY;
     }
     s.adaptive_intensity = intensity;
@@ -136,15 +137,16 @@ uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
         s.intensity_limit = preset.limit;
     }
     if (s.mode == static_cast<int32_t>(KIVBF_MODE_POSTFILTER_NO_BAND)) {
-        DML_PRINT(level, DML_ERR,
-                  "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The current does not support mode 4\t\n");
+        DML_PRINT(
+            level, DML_ERR,
+            "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The current does not support mode 4\t\n");
         return KIVBF_ERR_ADAPTIVE_INTENSITY;
     }
     return KIVBF_OK;
 }
 
-uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band, const int32_t *dl_intensity,
-                              uint32_t is_dynamic) {
+uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band,
+                              const int32_t *dl_intensity, uint32_t is_dynamic) {
     if (handle == nullptr) {
         DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
         return KIVBF_ERR_HANDLE;
@@ -154,32 +156,39 @@ uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band, const i
         return KIVBF_ERR_NULL_POINTER;
     }
     if (dl_intensity == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n");
+        DML_PRINT_ALWAYS(DML_ERR,
+                         "[%s] %s[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n");
         return KIVBF_ERR_NULL_POINTER;
     }
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "DynamicLoading");
+    const uint32_t status =
+        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "DynamicLoading");
     if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
     // Stored before the test: an invalid value stays.
     s.is_dynamic = is_dynamic;
     if (is_dynamic != 0 && is_dynamic != 1) {
-        DML_PRINT(level, DML_ERR,
-                  "[%s] %s [BF] [DynamicLoading] Fail! is_dynamic value must be set either %d or %d \r\n", 0, 1);
+        DML_PRINT(
+            level, DML_ERR,
+            "[%s] %s [BF] [DynamicLoading] Fail! is_dynamic value must be set either %d or %d \r\n",
+            0, 1);
         return KIVBF_ERR_DYNAMIC_LOADING;
     }
 
     int32_t previous = -1;
     for (int32_t i = 0; i < kBandCount; ++i) {
         if (band[i] > kMaxBand || band[i] < kMinBand) {
-            DML_PRINT(level, DML_ERR,
-                      "[%s] %s [BF] [DynamicLoading] Fail! Band value must be set between %d and %d \r\n",
-                      kMinBand, kMaxBand);
+            DML_PRINT(
+                level, DML_ERR,
+                "[%s] %s [BF] [DynamicLoading] Fail! Band value must be set between %d and %d \r\n",
+                kMinBand, kMaxBand);
             return KIVBF_ERR_DYNAMIC_LOADING;
         }
         if (band[i] <= previous) {
-            DML_PRINT(level, DML_ERR, "[%s] %s [BF] [DynamicLoading] Fail! Band value number must be Ascending\r\n");
+            DML_PRINT(
+                level, DML_ERR,
+                "[%s] %s [BF] [DynamicLoading] Fail! Band value number must be Ascending\r\n");
             return KIVBF_ERR_DYNAMIC_LOADING;
         }
         previous = band[i];
@@ -187,7 +196,8 @@ uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band, const i
     for (int32_t i = 0; i < kLoadingBands; ++i) {
         if (dl_intensity[i] > kMaxLoadingFactor || dl_intensity[i] < kMinLoadingFactor) {
             DML_PRINT(level, DML_ERR,
-                      "[%s] %s [BF] [DynamicLoading] Fail! Intensity value must be set between %d and %d \r\n",
+                      "[%s] %s [BF] [DynamicLoading] Fail! Intensity value must be set between %d "
+                      "and %d \r\n",
                       kMinLoadingFactor, kMaxLoadingFactor);
             return KIVBF_ERR_DYNAMIC_LOADING;
         }
@@ -210,8 +220,10 @@ uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
     if (status != KIVBF_OK) return status;
 
     if (flow > kMaxPfFlow) {
-        DML_PRINT(s.debug_level, DML_ERR,
-                  "[%s] %s[BF] [SetPfFlow] Fail! The flow can only be set as one of [%d,%d,%d]!\t\n", 0, 1, 2);
+        DML_PRINT(
+            s.debug_level, DML_ERR,
+            "[%s] %s[BF] [SetPfFlow] Fail! The flow can only be set as one of [%d,%d,%d]!\t\n", 0,
+            1, 2);
         return KIVBF_ERR_PF_FLOW;
     }
     s.pf_flow = static_cast<int32_t>(flow);
@@ -224,12 +236,14 @@ uint32_t KivBf_SetCalibration(AudioBfHandle handle, uint32_t calibration_flag) {
         return KIVBF_ERR_HANDLE;
     }
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
+    const uint32_t status =
+        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
     if (status != KIVBF_OK) return status;
 
     if (calibration_flag != 0 && calibration_flag != 1) {
         DML_PRINT(s.debug_level, DML_ERR,
-                  "[%s] %s[BF] [SetCalibration] Fail! The calibration_flag can only be set as one of [%d,%d]!\t\n",
+                  "[%s] %s[BF] [SetCalibration] Fail! The calibration_flag can only be set as one "
+                  "of [%d,%d]!\t\n",
                   0, 1);
         return KIVBF_ERR_CALIBRATION;
     }

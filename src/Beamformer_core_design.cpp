@@ -63,10 +63,12 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
     s.design_normaliser[0] = 2.0f;
     s.design_normaliser[1] = 0.0f;
 
-    const float wavenumber_per_hz = static_cast<float>(kTwoPi / static_cast<double>(s.speed_of_sound));
+    const float wavenumber_per_hz =
+        static_cast<float>(kTwoPi / static_cast<double>(s.speed_of_sound));
     const double look = static_cast<double>(s.steering_angle / 180.0f) * kPi;
     for (int32_t m = 0; m < kMics; ++m) {
-        const double projection = std::cos(look) * s.mic_position[m][0] + std::sin(look) * s.mic_position[m][1];
+        const double projection =
+            std::cos(look) * s.mic_position[m][0] + std::sin(look) * s.mic_position[m][1];
         s.mic_phase_rate[m] = static_cast<float>(projection * wavenumber_per_hz);
     }
 

@@ -78,7 +78,8 @@ void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
         cmat2_trace(s.cov_product, s.cov_trace);
         cmat2_normalise(s.cov_product, s.cov_trace, s.cov_normalised);
         if (s.calibration_flag == 1) {
-            cplx_scale(s.cov_normalised, 1.0f - s.wiener_gain[0][k], s.cov_normalised, kCmat2Floats);
+            cplx_scale(s.cov_normalised, 1.0f - s.wiener_gain[0][k], s.cov_normalised,
+                       kCmat2Floats);
         }
         AverageCovariance(s, s.noise_covariance[k]);
     }

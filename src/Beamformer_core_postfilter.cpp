@@ -54,7 +54,7 @@ void Bf_PostFilterGain(BfCoreState &s) {
 
     for (int32_t i = 0; i < kEdgeBins; ++i) {
         s.pf_gain[i] /= nor_smooth_window[i];
-        s.pf_gain[kBins - 2 - i] /= nor_smooth_window[i];
+        s.pf_gain[kBins - 1 - i] /= nor_smooth_window[i];
     }
 }
 

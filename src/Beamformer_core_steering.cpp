@@ -7,7 +7,7 @@
 using namespace kivbf;
 
 namespace {
-constexpr float kPowerScale = 256.0f;     // power estimates use the spectrum times 256
+constexpr float kPowerScale = 256.0f;  // power estimates use the spectrum times 256
 constexpr float kCalibrationFloor = 1e-6f;
 
 // Modes 3 and 4 carry the post-filter, which needs the relative steering.

@@ -12,7 +12,7 @@ namespace {
 
 using cd = std::complex<double>;
 
-constexpr double kSpeed = 343.0;  // m/s at 20 degrees C
+constexpr double kSpeed = 343.0;   // m/s at 20 degrees C
 constexpr double kSpacing = 0.05;  // m
 constexpr double kPiDouble = 3.14159265358979323846;
 
@@ -52,7 +52,8 @@ cd PlaneWave(double caller_angle, int32_t m, double frequency) {
 // The beam sum applies the stored weights without conjugation.
 cd BeamResponse(const BfCoreState &s, int32_t k, double caller_angle) {
     const double f = k * static_cast<double>(s.sample_rate) / 256.0;
-    return Weight(s, 0, k) * PlaneWave(caller_angle, 0, f) + Weight(s, 1, k) * PlaneWave(caller_angle, 1, f);
+    return Weight(s, 0, k) * PlaneWave(caller_angle, 0, f) +
+           Weight(s, 1, k) * PlaneWave(caller_angle, 1, f);
 }
 
 }  // namespace

@@ -33,14 +33,15 @@ struct PlaneWave {
         const double advance = kMicX[m] * -std::sin(angle * kPi / 180.0) / kSpeed;
         double value = 0.0;
         for (size_t i = 0; i < tones.size(); ++i)
-            value += tones[i].amplitude * std::sin(2 * kPi * tones[i].frequency * (n / kRate + advance) + 0.7 * i);
+            value += tones[i].amplitude *
+                     std::sin(2 * kPi * tones[i].frequency * (n / kRate + advance) + 0.7 * i);
         return value;
     }
 };
 
 // Feeds `blocks` blocks of the sum of the waves; returns the output samples.
-std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> &waves, long &clock, int blocks,
-                         float direction) {
+std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> &waves, long &clock,
+                             int blocks, float direction) {
     std::vector<int16_t> output;
     int16_t in[2 * kBlock];
     int16_t out[kBlock];
@@ -62,7 +63,8 @@ std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> 
 double Gain(const std::vector<int16_t> &output, size_t skip, const Tone &tone) {
     std::complex<double> sum{};
     for (size_t n = skip; n < output.size(); ++n)
-        sum += static_cast<double>(output[n]) * std::polar(1.0, -2 * kPi * tone.frequency * n / kRate);
+        sum +=
+            static_cast<double>(output[n]) * std::polar(1.0, -2 * kPi * tone.frequency * n / kRate);
     const double amplitude = 2.0 * std::abs(sum) / static_cast<double>(output.size() - skip);
     return amplitude / (tone.amplitude * 32767.0);
 }
@@ -82,7 +84,8 @@ TEST(EndToEnd, FixedBeamPassesTheLookDirectionAndAttenuatesTheSide) {
         AudioBfHandle handle = MakeConfiguredHandle(buffer);
         ASSERT_EQ(KivBf_SetMode(handle, KIVBF_MODE_FIXED, -90.0f), KIVBF_OK);
         long clock = 0;
-        const std::vector<int16_t> out = Process(handle, {PlaneWave{tones, source}}, clock, 150, 0.0f);
+        const std::vector<int16_t> out =
+            Process(handle, {PlaneWave{tones, source}}, clock, 150, 0.0f);
         for (const Tone &tone : tones) {
             const double db = Db(Gain(out, 20 * kBlock, tone));
             if (source == -90.0)
@@ -101,7 +104,8 @@ TEST(EndToEnd, FixedBeamPassesTheLookDirectionAndAttenuatesTheSide) {
 // the interferer through at -8 dB or more.
 TEST(EndToEnd, AdaptiveBeamNullsALearnedInterferer) {
     setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);
-    const std::vector<Tone> interferer_tones = {{750, 0.03}, {1250, 0.03}, {2250, 0.03}, {3250, 0.03}};
+    const std::vector<Tone> interferer_tones = {
+        {750, 0.03}, {1250, 0.03}, {2250, 0.03}, {3250, 0.03}};
     const std::vector<Tone> talker_tones = {{500, 0.15}, {1000, 0.15}, {2000, 0.15}, {3000, 0.15}};
     const PlaneWave interferer{interferer_tones, 50.0};
     const PlaneWave talker{talker_tones, 0.0};

@@ -10,15 +10,19 @@ using cf = std::complex<float>;
 
 struct Matrix {
     float v[kCmat2Floats];
-    cf at(int row, int column) const { return {v[4 * row + 2 * column], v[4 * row + 2 * column + 1]}; }
+    cf at(int row, int column) const {
+        return {v[4 * row + 2 * column], v[4 * row + 2 * column + 1]};
+    }
 };
 
 Matrix Make(cf a00, cf a01, cf a10, cf a11) {
-    return {{a00.real(), a00.imag(), a01.real(), a01.imag(), a10.real(), a10.imag(), a11.real(), a11.imag()}};
+    return {{a00.real(), a00.imag(), a01.real(), a01.imag(), a10.real(), a10.imag(), a11.real(),
+             a11.imag()}};
 }
 
 void ExpectNear(const Matrix &actual, const Matrix &expected, float tolerance) {
-    for (int i = 0; i < kCmat2Floats; ++i) EXPECT_NEAR(actual.v[i], expected.v[i], tolerance) << "float " << i;
+    for (int i = 0; i < kCmat2Floats; ++i)
+        EXPECT_NEAR(actual.v[i], expected.v[i], tolerance) << "float " << i;
 }
 
 const Matrix kIdentity = Make(1.0f, 0.0f, 0.0f, 1.0f);
@@ -38,8 +42,10 @@ TEST(ComplexMatrix, InverseMatchesTheAdjugateAndWorksInPlace) {
     const cf det = general.at(0, 0) * general.at(1, 1) - general.at(0, 1) * general.at(1, 0);
     out = general;
     cmat2_inverse(out.v, out.v);
-    ExpectNear(out, Make(general.at(1, 1) / det, -general.at(0, 1) / det, -general.at(1, 0) / det,
-                         general.at(0, 0) / det), 1e-5f);
+    ExpectNear(out,
+               Make(general.at(1, 1) / det, -general.at(0, 1) / det, -general.at(1, 0) / det,
+                    general.at(0, 0) / det),
+               1e-5f);
 
     // Hermitian with a positive-definite real part, like a loaded covariance.
     const Matrix hermitian = Make({2.0f, 0.0f}, {0.4f, -0.7f}, {0.4f, 0.7f}, {1.5f, 0.0f});
@@ -73,7 +79,8 @@ TEST(ComplexMatrix, NormaliseByTraceWithZeroGuard) {
     Matrix out{};
     cmat2_normalise(m.v, trace, out.v);
     for (int r = 0; r < 2; ++r)
-        for (int c = 0; c < 2; ++c) EXPECT_NEAR(std::abs(out.at(r, c) - m.at(r, c) / cf(4.0f, -2.0f)), 0.0f, 1e-6f);
+        for (int c = 0; c < 2; ++c)
+            EXPECT_NEAR(std::abs(out.at(r, c) - m.at(r, c) / cf(4.0f, -2.0f)), 0.0f, 1e-6f);
 
     // |d|^2 = 0 is taken as 1e-6: an all-zero matrix stays zero instead of NaN.
     const float zero[2] = {0.0f, 0.0f};

@@ -41,15 +41,16 @@ TEST_F(Controls, NullPointersAreRefusedAndAlwaysReported) {
                   "[BF] [SetMode] Fail! The handle is NULL!!\r\n");
     ExpectRefusal([] { return KivBf_SetAdaptiveIntensity(nullptr, 1); }, KIVBF_ERR_HANDLE,
                   "[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
-    ExpectRefusal([] { return KivBf_DynamicLoading(nullptr, kBands, kFactors, 0); }, KIVBF_ERR_HANDLE,
-                  "[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
+    ExpectRefusal([] { return KivBf_DynamicLoading(nullptr, kBands, kFactors, 0); },
+                  KIVBF_ERR_HANDLE, "[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
     ExpectRefusal([] { return KivBf_SetPfFlow(nullptr, 1); }, KIVBF_ERR_HANDLE,
                   "[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n");
     ExpectRefusal([] { return KivBf_SetCalibration(nullptr, 1); }, KIVBF_ERR_HANDLE,
                   "[BF] [SetCalibration] Fail! The handle is NULL!!\r\n");
-    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, nullptr, kFactors, 0); }, KIVBF_ERR_NULL_POINTER,
-                  "[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n");
-    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, nullptr, 0); }, KIVBF_ERR_NULL_POINTER,
+    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, nullptr, kFactors, 0); },
+                  KIVBF_ERR_NULL_POINTER, "[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n");
+    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, nullptr, 0); },
+                  KIVBF_ERR_NULL_POINTER,
                   "[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n");
 }
 
@@ -65,7 +66,8 @@ TEST_F(Controls, PrerequisitesThenHandleCheckInOrder) {
     EXPECT_EQ(s.mode_flag, 0);
 
     s.shape_flag = 2;
-    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, kFactors, 0); }, KIVBF_ERR_PREREQUISITE,
+    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, kFactors, 0); },
+                  KIVBF_ERR_PREREQUISITE,
                   "[BF] [DynamicLoading] Fail! Please call KivBf_SetShape first!\t\n");
     s.config_flag = 0;  // a SetConfig that failed half way
     ExpectRefusal([&] { return KivBf_SetCalibration(handle_, 1); }, KIVBF_ERR_PREREQUISITE,
@@ -164,12 +166,15 @@ TEST_F(Controls, AdaptiveIntensityPresetsDependOnTheMode) {
     EXPECT_EQ(s.pf_mix, 0.001f);
 
     for (int32_t bad : {-1, 5})
-        ExpectRefusal([&] { return KivBf_SetAdaptiveIntensity(handle_, bad); }, KIVBF_ERR_ADAPTIVE_INTENSITY,
-                      " [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of [0,1,2,3,4]\t\n");
+        ExpectRefusal([&] { return KivBf_SetAdaptiveIntensity(handle_, bad); },
+                      KIVBF_ERR_ADAPTIVE_INTENSITY,
+                      " [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of "
+                      "[0,1,2,3,4]\t\n");
     EXPECT_EQ(s.adaptive_intensity, 4);
 
     s.mode = 4;  // stored before the refusal
-    ExpectRefusal([&] { return KivBf_SetAdaptiveIntensity(handle_, 2); }, KIVBF_ERR_ADAPTIVE_INTENSITY,
+    ExpectRefusal([&] { return KivBf_SetAdaptiveIntensity(handle_, 2); },
+                  KIVBF_ERR_ADAPTIVE_INTENSITY,
                   "[BF] [SetAdaptiveIntensity] Fail! The current does not support mode 4\t\n");
     EXPECT_EQ(s.adaptive_intensity, 2);
     EXPECT_EQ(s.intensity_scale, 1.2342f);
@@ -192,20 +197,31 @@ TEST_F(Controls, DynamicLoadingRefusesBadValuesAndCopiesNothing) {
         int32_t factors[7];
         const char *message;
     } cases[] = {
-        {{10, 10, 40, 60, 90, 120}, {1, 1, 1, 1, 1, 1, 1}, "Band value number must be Ascending\r\n"},
-        {{0, 20, 40, 60, 90, 120}, {1, 1, 1, 1, 1, 1, 1}, "Band value must be set between 1 and 128 \r\n"},
-        {{10, 20, 40, 60, 90, 129}, {1, 1, 1, 1, 1, 1, 1}, "Band value must be set between 1 and 128 \r\n"},
-        {{10, 20, 40, 60, 90, 120}, {1, 1, 1, 0, 1, 1, 1}, "Intensity value must be set between 1 and 1000 \r\n"},
-        {{10, 20, 40, 60, 90, 120}, {1, 1, 1, 1, 1, 1, 1001}, "Intensity value must be set between 1 and 1000 \r\n"},
+        {{10, 10, 40, 60, 90, 120},
+         {1, 1, 1, 1, 1, 1, 1},
+         "Band value number must be Ascending\r\n"},
+        {{0, 20, 40, 60, 90, 120},
+         {1, 1, 1, 1, 1, 1, 1},
+         "Band value must be set between 1 and 128 \r\n"},
+        {{10, 20, 40, 60, 90, 129},
+         {1, 1, 1, 1, 1, 1, 1},
+         "Band value must be set between 1 and 128 \r\n"},
+        {{10, 20, 40, 60, 90, 120},
+         {1, 1, 1, 0, 1, 1, 1},
+         "Intensity value must be set between 1 and 1000 \r\n"},
+        {{10, 20, 40, 60, 90, 120},
+         {1, 1, 1, 1, 1, 1, 1001},
+         "Intensity value must be set between 1 and 1000 \r\n"},
     };
     const int32_t first_band = s.band[0];
     for (const auto &c : cases) {
-        ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, c.bands, c.factors, 0); }, KIVBF_ERR_DYNAMIC_LOADING,
-                      prefix + c.message);
+        ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, c.bands, c.factors, 0); },
+                      KIVBF_ERR_DYNAMIC_LOADING, prefix + c.message);
         EXPECT_EQ(s.band[0], first_band);
         EXPECT_FLOAT_EQ(s.bin_loading[100], 0.001f);
     }
-    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, kFactors, 5); }, KIVBF_ERR_DYNAMIC_LOADING,
+    ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, kFactors, 5); },
+                  KIVBF_ERR_DYNAMIC_LOADING,
                   prefix + "is_dynamic value must be set either 0 or 1 \r\n");
     EXPECT_EQ(s.is_dynamic, 5u);
     EXPECT_FLOAT_EQ(s.bin_loading[100], 0.001f);
@@ -214,8 +230,9 @@ TEST_F(Controls, DynamicLoadingRefusesBadValuesAndCopiesNothing) {
 TEST_F(Controls, PfFlowAndCalibrationAcceptOnlyTheirValues) {
     BfCoreState &s = state();
     ASSERT_EQ(KivBf_SetCalibration(handle_, 1), KIVBF_OK);  // needs no mode
-    ExpectRefusal([&] { return KivBf_SetCalibration(handle_, 2); }, KIVBF_ERR_CALIBRATION,
-                  "[BF] [SetCalibration] Fail! The calibration_flag can only be set as one of [0,1]!\t\n");
+    ExpectRefusal(
+        [&] { return KivBf_SetCalibration(handle_, 2); }, KIVBF_ERR_CALIBRATION,
+        "[BF] [SetCalibration] Fail! The calibration_flag can only be set as one of [0,1]!\t\n");
     EXPECT_EQ(s.calibration_flag, 1u);
 
     ASSERT_EQ(KivBf_SetMode(handle_, 3, 0.0f), KIVBF_OK);

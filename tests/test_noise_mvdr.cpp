@@ -64,7 +64,9 @@ void ExpectMatrix(const float *matrix, float a00, float a01, float a11, float to
     for (int i = 0; i < 8; ++i) EXPECT_NEAR(matrix[i], expected[i], tolerance) << "float " << i;
 }
 
-cd Weight(const BfCoreState &s, int32_t m, int32_t k) { return {s.beam_weights[m][2 * k], s.beam_weights[m][2 * k + 1]}; }
+cd Weight(const BfCoreState &s, int32_t m, int32_t k) {
+    return {s.beam_weights[m][2 * k], s.beam_weights[m][2 * k + 1]};
+}
 
 cd Steering(const BfCoreState &s, int32_t m, int32_t k) {
     return std::polar(1.0, static_cast<double>(s.bin_frequency[k]) * s.steer_delay[m]);
@@ -86,7 +88,9 @@ TEST(Calibration, EqualisesMicrophoneOneMagnitudeAndKeepsItsPhase) {
         const cf raw = Bin(before.mic_spectrum[1], k);
         const cf calibrated = Bin(s->mic_spectrum[1], k);
         const float power = 65536.0f * std::norm(raw);
-        EXPECT_NEAR(std::abs(calibrated), std::abs(Bin(s->mic_spectrum[0], k)) * std::sqrt(power / (power + 1e-6f)), 1e-7f);
+        EXPECT_NEAR(std::abs(calibrated),
+                    std::abs(Bin(s->mic_spectrum[0], k)) * std::sqrt(power / (power + 1e-6f)),
+                    1e-7f);
         EXPECT_NEAR(std::arg(calibrated / raw), 0.0f, 1e-5f);
     }
 }
@@ -103,7 +107,10 @@ TEST(TargetSteering, BroadsideGivesUnitRelativeSteeringOnlyInPostFilterModes) {
     s->target_angle = 0.0f;  // along +x: microphone 1 leads by d / c
     Bf_TargetSteering(*s);
     for (int32_t k = 0; k < kBins; ++k)
-        EXPECT_NEAR(std::abs(Bin(s->target_steering, k) - std::polar(1.0f, -s->bin_frequency[k] * 0.05f * 6.2831852f / 343.0f)), 0.0f, 1e-5f) << k;
+        EXPECT_NEAR(std::abs(Bin(s->target_steering, k) -
+                             std::polar(1.0f, -s->bin_frequency[k] * 0.05f * 6.2831852f / 343.0f)),
+                    0.0f, 1e-5f)
+            << k;
 }
 
 TEST(NoiseEstimate, FirstBlocksSetUpNoiseGainAndPresence) {
@@ -179,7 +186,8 @@ TEST(NoiseCovariance, IdenticalSignalsThenBlendWithoutEstimation) {
         s->wiener_gain[0][k] = s->wiener_gain[1][k] = 0.3f;
     }
     Bf_NoiseCovarianceUpdate(*s);  // the first update copies
-    for (int32_t k = 0; k < kBins; ++k) ExpectMatrix(s->noise_covariance[k], 0.5f, 0.5f, 0.5f, 1e-6f);
+    for (int32_t k = 0; k < kBins; ++k)
+        ExpectMatrix(s->noise_covariance[k], 0.5f, 0.5f, 0.5f, 1e-6f);
 
     SetAllBins(*s, {0.01f, 0.0f}, {0.0f, 0.0f});  // [[1, 0], [0, 0]]
     Bf_NoiseCovarianceUpdate(*s);
@@ -203,7 +211,8 @@ TEST(NoiseCovariance, RunningMeanOfThirteenThenForgettingOneTwelfth) {
     Bf_NoiseCovarianceUpdate(*s);
     EXPECT_EQ(s->cov_counter, 13);
     const float keep = 11.0f / 12;
-    ExpectMatrix(s->noise_covariance[64], 1.0f / 12 + keep * 7 / 13, keep * 6 / 13, keep * 6 / 13, 1e-5f);
+    ExpectMatrix(s->noise_covariance[64], 1.0f / 12 + keep * 7 / 13, keep * 6 / 13, keep * 6 / 13,
+                 1e-5f);
 }
 
 TEST(NoiseCovariance, SpeechWeightingAndZeroSnapshots) {
@@ -223,7 +232,8 @@ TEST(NoiseCovariance, SpeechWeightingAndZeroSnapshots) {
     SetAllBins(*t, {0.01f, 0.0f}, {});
     for (int32_t k = 0; k < kBins; ++k) t->wiener_gain[0][k] = t->wiener_gain[1][k] = 1.0f;
     Bf_NoiseCovarianceUpdate(*t);
-    for (int32_t k = 0; k < kBins; ++k) ExpectMatrix(t->noise_covariance[k], 0.0f, 0.0f, 0.0f, 0.0f);
+    for (int32_t k = 0; k < kBins; ++k)
+        ExpectMatrix(t->noise_covariance[k], 0.0f, 0.0f, 0.0f, 0.0f);
 }
 
 TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
@@ -233,7 +243,8 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
     Bf_AdaptiveWeights(*s);
     for (int32_t k = 0; k < kBins; ++k)
         for (int32_t m = 0; m < kMics; ++m)
-            EXPECT_NEAR(std::abs(Weight(*s, m, k) - std::conj(Steering(*s, m, k)) / 2.0), 0.0, 1e-6) << k;
+            EXPECT_NEAR(std::abs(Weight(*s, m, k) - std::conj(Steering(*s, m, k)) / 2.0), 0.0, 1e-6)
+                << k;
 
     for (int32_t k = 0; k < kBins; ++k) {
         // Hermitian, positive definite, different in every bin.
@@ -244,7 +255,8 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
     }
     Bf_AdaptiveWeights(*s);
     for (int32_t k = 0; k < kBins; ++k) {
-        const cd response = Weight(*s, 0, k) * Steering(*s, 0, k) + Weight(*s, 1, k) * Steering(*s, 1, k);
+        const cd response =
+            Weight(*s, 0, k) * Steering(*s, 0, k) + Weight(*s, 1, k) * Steering(*s, 1, k);
         EXPECT_NEAR(std::abs(response - 1.0), 0.0, 1e-5) << k;
     }
 }

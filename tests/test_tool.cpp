@@ -3,10 +3,12 @@
 // options or settings the library refuses end with a non-zero status.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -16,8 +18,22 @@ namespace {
 
 constexpr int kFrames = 1000;  // not a whole number of blocks
 
-// Files go to the working directory (the test build directory under ctest).
-std::string Scratch(const char *name) { return std::string("tool_") + name; }
+// A private temporary directory, removed when the test program ends.
+struct ScratchDirectory {
+    std::string path;
+    ScratchDirectory() {
+        char pattern[] = "/tmp/kivbf_tool_XXXXXX";
+        path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
+    }
+    ~ScratchDirectory() {
+        if (path != "/tmp") std::filesystem::remove_all(path);
+    }
+};
+
+std::string Scratch(const char *name) {
+    static const ScratchDirectory directory;
+    return directory.path + "/" + name;
+}
 
 // Identical channels: a broadside source, which the default beam passes.
 std::vector<int16_t> StereoSine() {

@@ -59,7 +59,7 @@ inline float32x4_t Reciprocal(float32x4_t b) {
 
 inline float ScalarQuotient(float a, float b) { return a / FlushDenormal(b); }
 
-// sqrt(a) = a / sqrt(a): reciprocal square-root estimate with one
+// sqrt(a) = a * (1 / sqrt(a)): reciprocal square-root estimate with one
 // Newton-Raphson step, then one correction of the root by its residual,
 // s + (a - s^2) / (2 sqrt(a)), which brings an 8-bit estimate to a few ULP.
 // Zero gives zero, +inf gives +inf, negative or NaN gives NaN.
@@ -111,9 +111,9 @@ int32_t Mix(const float *a, const float *b, float alpha, float *out, int32_t n) 
     ForEachLaneGroup(
         n,
         [&](int32_t i) {
-            const float32x4_t mixed =
-                vaddq_f32(vmulq_n_f32(vld1q_f32(a + i), alpha), vmulq_n_f32(vld1q_f32(b + i), beta));
-            vst1q_f32(out + i, mixed);
+            const float32x4_t from_a = vmulq_n_f32(vld1q_f32(a + i), alpha);
+            const float32x4_t from_b = vmulq_n_f32(vld1q_f32(b + i), beta);
+            vst1q_f32(out + i, vaddq_f32(from_a, from_b));
         },
         [&](int32_t i) { out[i] = alpha * a[i] + beta * b[i]; });
     return 0;

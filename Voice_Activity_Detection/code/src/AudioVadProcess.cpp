@@ -70,9 +70,9 @@ void *KivVad_Init(void *working_buffer, const KivVadSetup *config) {
         return nullptr;
     }
     std::memset(working_buffer, 0, kKivVadInstanceSize);
-    auto *unsigned_bytes = static_cast<unsigned char *>(working_buffer);
     auto *h = new (working_buffer) KivVadHeader{};
-    new (unsigned_bytes + kivbf::vad::kDetectorOffset) kivbf::vad::VadDetectorState{};
+    new (static_cast<unsigned char *>(working_buffer) + kivbf::vad::kDetectorOffset)
+        kivbf::vad::VadDetectorState{};
     h->mono_frame_offset = kivbf::vad::kMonoFrameOffset;
     h->downsampled_frame_offset = kivbf::vad::kDownsampledFrameOffset;
     h->detector_offset = kivbf::vad::kDetectorOffset;
