@@ -1,27 +1,12 @@
 // Operating controls: mode, adaptive intensity, dynamic loading, post-filter
 // flow and calibration.
 #include "AudioBfProcess_internal.h"
+#include "Beamformer_core_presets.h"
 #include "debug_msglevel.h"
 
 using namespace kivbf;
 
 namespace {
-
-struct IntensityPreset {
-    float scale;  // intensity_scale: multiplies the noise estimate
-    float floor;  // intensity_floor: -3, -10, -20, -30, -30 dB as amplitudes
-    float limit;  // intensity_limit: mode 3 only
-};
-
-// Intensities 3 and 4 share their floor and differ in scale and limit.
-constexpr IntensityPreset kIntensityPresets[] = {
-    {0.4f, 0.70710677f, -5.0f}, {0.6f, 0.31622699f, -6.0f},    {0.8f, 0.1f, -8.0f},
-    {1.0f, 0.0316227f, -9.0f},  {1.2342f, 0.0316227f, -10.0f},
-};
-constexpr int32_t kMaxIntensity = 4;
-
-constexpr float kMode3Scale = 0.049787f;  // e^-3
-constexpr float kPfMix = 0.001f;
 
 constexpr uint32_t kMaxMode = KIVBF_MODE_POSTFILTER_NO_BAND;
 constexpr int32_t kBandCount = 6;

@@ -1,6 +1,7 @@
 // Starting values of the core's adaptive arrays, and the decibel table that
 // turns the noise gate into an amplitude.
 #include "Beamformer_core.h"
+#include "Beamformer_core_presets.h"
 
 #include <iterator>
 
@@ -34,12 +35,6 @@ static_assert(std::size(VolTable1) == 81);
 // Default edges of the dynamic-loading bands, in bins.
 constexpr int32_t intensity_band[6] = {3, 24, 40, 64, 80, 128};
 
-constexpr float kIntensityScale = 0.6f;
-constexpr float kIntensityFloor = 0.316227f;  // 10^(-10/20)
-constexpr float kIntensityLimit = -6.0f;
-constexpr float kMode3Scale = 0.049787f;      // e^-3
-constexpr float kPostFilterMix = 0.001f;
-
 }  // namespace
 
 int32_t Bf_VolTableLookup(int32_t db) {
@@ -68,9 +63,10 @@ int32_t Bf_CoreInit(BfCoreState &s) {
             weights[2 * k + 1] = 0.0f;
         }
 
-    s.intensity_scale = kIntensityScale;
-    s.adaptive_intensity = 1;
-    s.intensity_floor = kIntensityFloor;
+    const IntensityPreset &preset = kIntensityPresets[kDefaultIntensity];
+    s.intensity_scale = preset.scale;
+    s.adaptive_intensity = kDefaultIntensity;
+    s.intensity_floor = preset.floor;
 
     for (float(&memory)[kBins] : s.prior_snr_memory) vec_fill(memory, 1.0f, kBins);
     vec_fill(s.speech_presence, 1.0f, kBins);
@@ -78,9 +74,9 @@ int32_t Bf_CoreInit(BfCoreState &s) {
     Bf_ResetCovariance(s);
     Bf_ResetCanceller(s);
 
-    s.intensity_limit = kIntensityLimit;
+    s.intensity_limit = preset.limit;
     s.mode3_scale = kMode3Scale;
-    s.pf_mix = kPostFilterMix;
+    s.pf_mix = kPfMix;
 
     Bf_SetUnityGains(s);
 

@@ -17,12 +17,17 @@ AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry, uin
     AudioBfInit init = DefaultInit(sample_rate, distance_cm);
     AudioBfHandle handle = KivBf_Init(buffer.data(), &init);
     EXPECT_NE(handle, nullptr);
-    AudioBfConfig config{};
-    EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);
+    AudioBfConfig config = CurrentConfig(handle);
     config.temperature = 20;
     EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
     EXPECT_EQ(KivBf_SetShape(handle, geometry), KIVBF_OK);
     return handle;
+}
+
+AudioBfConfig CurrentConfig(AudioBfHandle handle) {
+    AudioBfConfig config{};
+    EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);
+    return config;
 }
 
 void CaptureStart() {

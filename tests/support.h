@@ -38,4 +38,18 @@ AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry = 0,
 void CaptureStart();
 std::string CaptureStop();
 
+// What `body` prints to stdout.
+template <typename Body>
+std::string Captured(Body &&body) {
+    CaptureStart();
+    body();
+    return CaptureStop();
+}
+
+// The handle's current configuration; expects GetConfig to succeed.
+AudioBfConfig CurrentConfig(AudioBfHandle handle);
+
+// Start of every error message of the beamformer.
+inline const std::string kBfError = "[ALGO_MSG_ERR] [BF] ";
+
 }  // namespace kivbf_test

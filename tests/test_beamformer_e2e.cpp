@@ -18,58 +18,53 @@ constexpr double kMicX[2] = {-0.025, 0.025};
 constexpr double kPi = 3.14159265358979323846;
 constexpr int kBlock = 128;
 
-struct Tone {
-    double frequency;  // Hz, on a bin centre (multiple of 62.5 Hz)
-    double amplitude;  // full scale = 1
-};
-
-// A wave from `angle` degrees (0 = broadside, -90 = along +x) reaches
-// microphone m earlier by x_m (-sin angle) / c: a fractional delay per tone.
+// Four tones on bin centres (multiples of 62.5 Hz) from `angle` degrees
+// (0 = broadside, -90 = along +x): microphone m hears them x_m (-sin angle) / c
+// early, a fractional delay.
 struct PlaneWave {
-    std::vector<Tone> tones;
     double angle;
-
-    double Sample(int m, long n) const {
-        const double advance = kMicX[m] * -std::sin(angle * kPi / 180.0) / kSpeed;
-        double value = 0.0;
-        for (size_t i = 0; i < tones.size(); ++i)
-            value += tones[i].amplitude *
-                     std::sin(2 * kPi * tones[i].frequency * (n / kRate + advance) + 0.7 * i);
-        return value;
-    }
+    double amplitude;  // of each tone, full scale = 1
+    double frequencies[4];
 };
 
-// Feeds `blocks` blocks of the sum of the waves; returns the output samples.
-std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> &waves, long &clock,
-                             int blocks, float direction) {
+// Plays the first wave alone for `lead` blocks, then all of them for
+// `blocks` blocks; returns the output of the latter.
+std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> &waves, int lead,
+                             int blocks) {
     std::vector<int16_t> output;
     int16_t in[2 * kBlock];
     int16_t out[kBlock];
-    for (int b = 0; b < blocks; ++b) {
-        for (int i = 0; i < kBlock; ++i, ++clock)
+    float direction = 0.0f;
+    for (long b = 0, n = 0; b < lead + blocks; ++b) {
+        for (int i = 0; i < kBlock; ++i, ++n)
             for (int m = 0; m < 2; ++m) {
                 double value = 0.0;
-                for (const PlaneWave &wave : waves) value += wave.Sample(m, clock);
+                for (size_t w = 0; w < (b < lead ? 1 : waves.size()); ++w) {
+                    const PlaneWave &wave = waves[w];
+                    const double t =
+                        n / kRate - kMicX[m] * std::sin(wave.angle * kPi / 180) / kSpeed;
+                    for (int j = 0; j < 4; ++j)
+                        value += wave.amplitude *
+                                 std::sin(2 * kPi * wave.frequencies[j] * t + 0.7 * j);
+                }
                 in[2 * i + m] = static_cast<int16_t>(std::lround(value * 32767.0));
             }
         EXPECT_EQ(KivBf_Run(handle, in, out, &direction), KIVBF_OK);
-        output.insert(output.end(), out, out + kBlock);
+        if (b >= lead) output.insert(output.end(), out, out + kBlock);
     }
     return output;
 }
 
-// Output amplitude at `frequency` relative to a full-scale input amplitude,
-// measured over the samples after `skip` (a whole number of periods).
-double Gain(const std::vector<int16_t> &output, size_t skip, const Tone &tone) {
+// Output level of the wave's tone j relative to its input, in dB, over the
+// samples after `skip` blocks (a whole number of periods).
+double GainDb(const std::vector<int16_t> &output, int skip, const PlaneWave &wave, int j) {
     std::complex<double> sum{};
-    for (size_t n = skip; n < output.size(); ++n)
-        sum +=
-            static_cast<double>(output[n]) * std::polar(1.0, -2 * kPi * tone.frequency * n / kRate);
-    const double amplitude = 2.0 * std::abs(sum) / static_cast<double>(output.size() - skip);
-    return amplitude / (tone.amplitude * 32767.0);
+    for (size_t n = skip * kBlock; n < output.size(); ++n)
+        sum += static_cast<double>(output[n]) *
+               std::polar(1.0, -2 * kPi * wave.frequencies[j] * n / kRate);
+    const double amplitude = 2.0 * std::abs(sum) / (output.size() - skip * kBlock);
+    return 20.0 * std::log10(amplitude / (wave.amplitude * 32767.0));
 }
-
-double Db(double gain) { return 20.0 * std::log10(gain); }
 
 }  // namespace
 
@@ -78,20 +73,17 @@ double Db(double gain) { return 20.0 * std::log10(gain); }
 // and 3 kHz as the loaded diffuse-field design predicts; at least 11 dB is asserted.
 TEST(EndToEnd, FixedBeamPassesTheLookDirectionAndAttenuatesTheSide) {
     setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);
-    const std::vector<Tone> tones = {{500, 0.1}, {1000, 0.1}, {2000, 0.1}, {3000, 0.1}};
     for (double source : {-90.0, 0.0}) {
+        const PlaneWave wave{source, 0.1, {500, 1000, 2000, 3000}};
         WorkingBuffer buffer;
         AudioBfHandle handle = MakeConfiguredHandle(buffer);
         ASSERT_EQ(KivBf_SetMode(handle, KIVBF_MODE_FIXED, -90.0f), KIVBF_OK);
-        long clock = 0;
-        const std::vector<int16_t> out =
-            Process(handle, {PlaneWave{tones, source}}, clock, 150, 0.0f);
-        for (const Tone &tone : tones) {
-            const double db = Db(Gain(out, 20 * kBlock, tone));
+        const std::vector<int16_t> out = Process(handle, {wave}, 0, 150);
+        for (int i = 0; i < 4; ++i) {
             if (source == -90.0)
-                EXPECT_NEAR(db, 0.0, 0.1) << tone.frequency << " Hz";
+                EXPECT_NEAR(GainDb(out, 20, wave, i), 0.0, 0.1) << wave.frequencies[i];
             else
-                EXPECT_LT(db, -11.0) << tone.frequency << " Hz";
+                EXPECT_LT(GainDb(out, 20, wave, i), -11.0) << wave.frequencies[i];
         }
     }
 }
@@ -104,12 +96,8 @@ TEST(EndToEnd, FixedBeamPassesTheLookDirectionAndAttenuatesTheSide) {
 // the interferer through at -8 dB or more.
 TEST(EndToEnd, AdaptiveBeamNullsALearnedInterferer) {
     setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);
-    const std::vector<Tone> interferer_tones = {
-        {750, 0.03}, {1250, 0.03}, {2250, 0.03}, {3250, 0.03}};
-    const std::vector<Tone> talker_tones = {{500, 0.15}, {1000, 0.15}, {2000, 0.15}, {3000, 0.15}};
-    const PlaneWave interferer{interferer_tones, 50.0};
-    const PlaneWave talker{talker_tones, 0.0};
-
+    const PlaneWave interferer{50.0, 0.03, {750, 1250, 2250, 3250}};
+    const PlaneWave talker{0.0, 0.15, {500, 1000, 2000, 3000}};
     for (bool learning : {true, false}) {
         WorkingBuffer buffer;
         AudioBfHandle handle = MakeConfiguredHandle(buffer);
@@ -120,17 +108,13 @@ TEST(EndToEnd, AdaptiveBeamNullsALearnedInterferer) {
             ASSERT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
         }
         ASSERT_EQ(KivBf_SetMode(handle, KIVBF_MODE_ADAPTIVE, 0.0f), KIVBF_OK);
-        long clock = 0;
-        Process(handle, {interferer}, clock, 60, 0.0f);
-        const std::vector<int16_t> out = Process(handle, {interferer, talker}, clock, 150, 0.0f);
-        for (const Tone &tone : interferer_tones) {
-            const double db = Db(Gain(out, 10 * kBlock, tone));
+        const std::vector<int16_t> out = Process(handle, {interferer, talker}, 60, 150);
+        for (int i = 0; i < 4; ++i) {
             if (learning)
-                EXPECT_LT(db, -30.0) << tone.frequency << " Hz";
+                EXPECT_LT(GainDb(out, 10, interferer, i), -30.0) << interferer.frequencies[i];
             else
-                EXPECT_GT(db, -10.0) << tone.frequency << " Hz";
+                EXPECT_GT(GainDb(out, 10, interferer, i), -10.0) << interferer.frequencies[i];
+            EXPECT_NEAR(GainDb(out, 10, talker, i), 0.0, 0.1) << talker.frequencies[i];
         }
-        for (const Tone &tone : talker_tones)
-            EXPECT_NEAR(Db(Gain(out, 10 * kBlock, tone)), 0.0, 0.1) << tone.frequency << " Hz";
     }
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -37,16 +38,17 @@ protected:
 }  // namespace
 
 TEST_F(Controls, NullPointersAreRefusedAndAlwaysReported) {
-    ExpectRefusal([] { return KivBf_SetMode(nullptr, 0, 0.0f); }, KIVBF_ERR_HANDLE,
-                  "[BF] [SetMode] Fail! The handle is NULL!!\r\n");
-    ExpectRefusal([] { return KivBf_SetAdaptiveIntensity(nullptr, 1); }, KIVBF_ERR_HANDLE,
-                  "[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
-    ExpectRefusal([] { return KivBf_DynamicLoading(nullptr, kBands, kFactors, 0); },
-                  KIVBF_ERR_HANDLE, "[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
-    ExpectRefusal([] { return KivBf_SetPfFlow(nullptr, 1); }, KIVBF_ERR_HANDLE,
-                  "[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n");
-    ExpectRefusal([] { return KivBf_SetCalibration(nullptr, 1); }, KIVBF_ERR_HANDLE,
-                  "[BF] [SetCalibration] Fail! The handle is NULL!!\r\n");
+    const std::pair<std::function<uint32_t()>, const char *> null_handle[] = {
+        {[] { return KivBf_SetMode(nullptr, 0, 0.0f); }, "[SetMode] Fail! "},
+        {[] { return KivBf_SetAdaptiveIntensity(nullptr, 1); }, "[SetAdaptiveIntensity] Fail! "},
+        {[] { return KivBf_DynamicLoading(nullptr, kBands, kFactors, 0); },
+         "[DynamicLoading] Fail!  "},
+        {[] { return KivBf_SetPfFlow(nullptr, 1); }, "[SetPfFlow] Fail! "},
+        {[] { return KivBf_SetCalibration(nullptr, 1); }, "[SetCalibration] Fail! "},
+    };
+    for (const auto &[call, name] : null_handle)
+        ExpectRefusal(call, KIVBF_ERR_HANDLE,
+                      std::string("[BF] ") + name + "The handle is NULL!!\r\n");
     ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, nullptr, kFactors, 0); },
                   KIVBF_ERR_NULL_POINTER, "[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n");
     ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, nullptr, 0); },
@@ -98,38 +100,36 @@ TEST_F(Controls, SetModePreparesEachModeWithoutTouchingHistories) {
     s.noise_counter = 2;
     s.cov_counter = 7;
     s.ola_buffer[3] = 0.25f;
-    auto disturb = [&] {
+    const auto set_mode = [&](uint32_t mode, float angle) {
         s.noise_covariance[5][2] = 0.3f;
         s.anc_filter[10] = 0.0f;
         s.band_weight_mid = 0.2f;
         s.unit_vector[4] = 0.0f;
+        ASSERT_EQ(KivBf_SetMode(handle_, mode, angle), KIVBF_OK);
     };
 
-    disturb();
-    ASSERT_EQ(KivBf_SetMode(handle_, 1, 30.0f), KIVBF_OK);
+    set_mode(2, 30.0f);
     EXPECT_EQ(s.steering_angle, 120.0f);
     EXPECT_NE(s.beam_weights[0][2 * 40], 0.5f);  // designed, no longer the average
     EXPECT_EQ(s.noise_covariance[5][2], 0.3f);
-    EXPECT_EQ(s.anc_filter[10], 0.0f);
-    ASSERT_EQ(KivBf_SetMode(handle_, 2, 30.0f), KIVBF_OK);
     EXPECT_EQ(s.anc_filter[10], 1.0f);
+    set_mode(1, 30.0f);
+    EXPECT_EQ(s.anc_filter[10], 0.0f);
+    EXPECT_EQ(s.noise_covariance[5][2], 0.3f);
 
-    disturb();
     const float designed = s.beam_weights[0][2 * 40];
-    ASSERT_EQ(KivBf_SetMode(handle_, 0, 77.0f), KIVBF_OK);
+    set_mode(0, 77.0f);
     EXPECT_EQ(s.noise_covariance[5][2], 0.0f);
     EXPECT_EQ(s.noise_covariance[5][0], 1.0f);
     EXPECT_EQ(s.beam_weights[0][2 * 40], designed);  // modes 0 and 3 keep the last beam
     EXPECT_EQ(s.steering_angle, 120.0f);
     EXPECT_EQ(s.band_weight_mid, 0.2f);
 
-    disturb();
-    ASSERT_EQ(KivBf_SetMode(handle_, 3, 0.0f), KIVBF_OK);
+    set_mode(3, 0.0f);
     EXPECT_EQ(s.noise_covariance[5][2], 0.0f);
     EXPECT_EQ(s.band_weight_mid, 1.0f);
     EXPECT_EQ(s.unit_vector[4], 1.0f);
     EXPECT_EQ(s.anc_filter[10], 0.0f);
-
     EXPECT_EQ(s.noise_counter, 2);
     EXPECT_EQ(s.cov_counter, 7);
     EXPECT_EQ(s.ola_buffer[3], 0.25f);
@@ -151,10 +151,8 @@ TEST_F(Controls, AdaptiveIntensityPresetsDependOnTheMode) {
     ASSERT_EQ(KivBf_SetMode(handle_, 3, 0.0f), KIVBF_OK);
     s.mode3_scale = 0.0f;
     s.pf_mix = 0.5f;
-    const float presets[5][3] = {{0.4f, 0.70710677f, -5.0f},
-                                 {0.6f, 0.31622699f, -6.0f},
-                                 {0.8f, 0.1f, -8.0f},
-                                 {1.0f, 0.0316227f, -9.0f},
+    const float presets[5][3] = {{0.4f, 0.70710677f, -5.0f}, {0.6f, 0.31622699f, -6.0f},
+                                 {0.8f, 0.1f, -8.0f},        {1.0f, 0.0316227f, -9.0f},
                                  {1.2342f, 0.0316227f, -10.0f}};
     for (int32_t intensity = 0; intensity < 5; ++intensity) {
         ASSERT_EQ(KivBf_SetAdaptiveIntensity(handle_, intensity), KIVBF_OK);
@@ -192,34 +190,25 @@ TEST_F(Controls, DynamicLoadingSpreadsTheFactorsOverTheBands) {
 TEST_F(Controls, DynamicLoadingRefusesBadValuesAndCopiesNothing) {
     BfCoreState &s = state();
     const std::string prefix = " [BF] [DynamicLoading] Fail! ";
-    const struct {
-        int32_t bands[6];
-        int32_t factors[7];
-        const char *message;
-    } cases[] = {
-        {{10, 10, 40, 60, 90, 120},
-         {1, 1, 1, 1, 1, 1, 1},
-         "Band value number must be Ascending\r\n"},
-        {{0, 20, 40, 60, 90, 120},
-         {1, 1, 1, 1, 1, 1, 1},
-         "Band value must be set between 1 and 128 \r\n"},
-        {{10, 20, 40, 60, 90, 129},
-         {1, 1, 1, 1, 1, 1, 1},
-         "Band value must be set between 1 and 128 \r\n"},
-        {{10, 20, 40, 60, 90, 120},
-         {1, 1, 1, 0, 1, 1, 1},
-         "Intensity value must be set between 1 and 1000 \r\n"},
-        {{10, 20, 40, 60, 90, 120},
-         {1, 1, 1, 1, 1, 1, 1001},
-         "Intensity value must be set between 1 and 1000 \r\n"},
-    };
+    const char *const range = "Band value must be set between 1 and 128 \r\n";
+    const char *const factor = "Intensity value must be set between 1 and 1000 \r\n";
+    int32_t bands[6];
+    int32_t factors[7];
     const int32_t first_band = s.band[0];
-    for (const auto &c : cases) {
-        ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, c.bands, c.factors, 0); },
-                      KIVBF_ERR_DYNAMIC_LOADING, prefix + c.message);
+    const auto refuse = [&](int32_t *value, int32_t bad, const char *message) {
+        std::copy(kBands, kBands + 6, bands);
+        std::copy(kFactors, kFactors + 7, factors);
+        *value = bad;
+        ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, bands, factors, 0); },
+                      KIVBF_ERR_DYNAMIC_LOADING, prefix + message);
         EXPECT_EQ(s.band[0], first_band);
         EXPECT_FLOAT_EQ(s.bin_loading[100], 0.001f);
-    }
+    };
+    refuse(&bands[1], 10, "Band value number must be Ascending\r\n");
+    refuse(&bands[0], 0, range);
+    refuse(&bands[5], 129, range);
+    refuse(&factors[3], 0, factor);
+    refuse(&factors[6], 1001, factor);
     ExpectRefusal([&] { return KivBf_DynamicLoading(handle_, kBands, kFactors, 5); },
                   KIVBF_ERR_DYNAMIC_LOADING,
                   prefix + "is_dynamic value must be set either 0 or 1 \r\n");

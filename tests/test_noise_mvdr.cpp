@@ -19,8 +19,10 @@ using cf = std::complex<float>;
 
 // What initialisation and the setters leave for these stages: unit memories,
 // identity covariances, intensity 1, a loading of 0.001, 16 kHz.
-std::unique_ptr<BfCoreState> FreshState() {
+std::unique_ptr<BfCoreState> FreshState(int32_t mode = 0, uint32_t calibration_flag = 0) {
     auto s = std::make_unique<BfCoreState>();
+    s->mode = mode;
+    s->calibration_flag = calibration_flag;
     s->speed_of_sound = 343.0f;
     s->intensity_scale = 0.6f;
     s->intensity_floor = 0.31622699f;
@@ -44,6 +46,13 @@ void SetBin(BfCoreState &s, int32_t m, int32_t k, cf value) {
     s.mic_spectrum[m][2 * k + 1] = value.imag();
 }
 
+void SetAllBins(BfCoreState &s, cf mic0, cf mic1) {
+    for (int32_t k = 0; k < kBins; ++k) {
+        SetBin(s, 0, k, mic0);
+        SetBin(s, 1, k, mic1);
+    }
+}
+
 // Different from bin to bin and between the microphones.
 void FillSpectra(BfCoreState &s) {
     for (int32_t k = 0; k < kBins; ++k) {
@@ -52,14 +61,13 @@ void FillSpectra(BfCoreState &s) {
     }
 }
 
-void SetAllBins(BfCoreState &s, cf mic0, cf mic1) {
-    for (int32_t k = 0; k < kBins; ++k) {
-        SetBin(s, 0, k, mic0);
-        SetBin(s, 1, k, mic1);
-    }
+void SetGains(BfCoreState &s, float mic0, float mic1) {
+    std::fill_n(s.wiener_gain[0], kBins, mic0);
+    std::fill_n(s.wiener_gain[1], kBins, mic1);
 }
 
-void ExpectMatrix(const float *matrix, float a00, float a01, float a11, float tolerance) {
+// A real 2x2 matrix [[a00, a01], [a01, a11]] with zero imaginary parts.
+void ExpectMatrix(const float *matrix, float a00, float a01, float a11, float tolerance = 1e-6f) {
     const float expected[8] = {a00, 0.0f, a01, 0.0f, a01, 0.0f, a11, 0.0f};
     for (int i = 0; i < 8; ++i) EXPECT_NEAR(matrix[i], expected[i], tolerance) << "float " << i;
 }
@@ -134,7 +142,7 @@ TEST(NoiseEstimate, FirstBlocksSetUpNoiseGainAndPresence) {
 TEST(NoiseEstimate, NoiseTracksByPresenceAndTheCapKeepsItMoving) {
     auto s = FreshState();
     s->noise_counter = 2;
-    for (float &lambda : s->noise_psd[0]) lambda = 1.0f;
+    std::fill_n(s->noise_psd[0], kBins, 1.0f);
     const int32_t speech_bin = 10;    // gamma = P = 1024: p = 1
     const int32_t silent_bin = 20;    // P = 0: p at its minimum
     const int32_t stagnant_bin = 30;  // p = 1 after long speech: capped to 0.9
@@ -152,11 +160,10 @@ TEST(NoiseEstimate, NoiseTracksByPresenceAndTheCapKeepsItMoving) {
 }
 
 TEST(NoiseEstimate, CalibratedGainsAndSpeechNoiseRatio) {
-    auto s = FreshState();
-    s->calibration_flag = 1;
+    auto s = FreshState(0, 1);
     FillSpectra(*s);
     SetBin(*s, 0, 0, {0.0f, 0.0f});  // silent bin: noise and speech both 0
-    for (float &value : s->speech_noise_ratio) value = 7.0f;
+    std::fill_n(s->speech_noise_ratio, kBins, 7.0f);
     for (int block = 0; block < 3; ++block) Bf_NoiseEstimate(*s);
     for (int32_t k = 0; k < kBins; ++k) {
         EXPECT_EQ(s->wiener_gain[1][k], s->wiener_gain[0][k]);
@@ -165,8 +172,7 @@ TEST(NoiseEstimate, CalibratedGainsAndSpeechNoiseRatio) {
     EXPECT_EQ(s->speech_noise_ratio[3], 7.0f);  // mode 0 leaves it alone
 
     for (auto [intensity, floor] : {std::pair{1, 0.01f}, {2, 0.005f}, {4, 0.001f}}) {
-        auto t = FreshState();
-        t->mode = 3;
+        auto t = FreshState(3);
         t->adaptive_intensity = intensity;
         FillSpectra(*t);
         SetBin(*t, 0, 0, {0.0f, 0.0f});
@@ -177,63 +183,49 @@ TEST(NoiseEstimate, CalibratedGainsAndSpeechNoiseRatio) {
     }
 }
 
-TEST(NoiseCovariance, IdenticalSignalsThenBlendWithoutEstimation) {
+TEST(NoiseCovariance, CopyBlendAndSpeechWeightingWithoutEstimation) {
     auto s = FreshState();
     for (int32_t k = 0; k < kBins; ++k) {
         const cf x = std::polar(0.01f * (1 + k % 3), 0.2f * k);
         SetBin(*s, 0, k, x);
         SetBin(*s, 1, k, x);
-        s->wiener_gain[0][k] = s->wiener_gain[1][k] = 0.3f;
     }
+    SetGains(*s, 0.3f, 0.3f);
     Bf_NoiseCovarianceUpdate(*s);  // the first update copies
-    for (int32_t k = 0; k < kBins; ++k)
-        ExpectMatrix(s->noise_covariance[k], 0.5f, 0.5f, 0.5f, 1e-6f);
-
+    for (const float *matrix : s->noise_covariance) ExpectMatrix(matrix, 0.5f, 0.5f, 0.5f);
     SetAllBins(*s, {0.01f, 0.0f}, {0.0f, 0.0f});  // [[1, 0], [0, 0]]
     Bf_NoiseCovarianceUpdate(*s);
-    ExpectMatrix(s->noise_covariance[7], 0.1f + 0.45f, 0.45f, 0.45f, 1e-6f);
+    ExpectMatrix(s->noise_covariance[7], 0.1f + 0.45f, 0.45f, 0.45f);
     EXPECT_EQ(s->cov_counter, 1);
+
+    // Calibrated: the normalised matrix is weighted by microphone 0's gain only.
+    s = FreshState(0, 1);
+    SetAllBins(*s, {0.01f, 0.01f}, {0.01f, 0.01f});
+    SetGains(*s, 0.25f, 0.9f);
+    Bf_NoiseCovarianceUpdate(*s);
+    ExpectMatrix(s->noise_covariance[50], 0.375f, 0.375f, 0.375f);
+
+    // A gain of 1 removes the snapshot: the guarded trace gives 0, not NaN.
+    s = FreshState();
+    SetAllBins(*s, {0.01f, 0.0f}, {});
+    SetGains(*s, 1.0f, 1.0f);
+    Bf_NoiseCovarianceUpdate(*s);
+    for (const float *matrix : s->noise_covariance) ExpectMatrix(matrix, 0.0f, 0.0f, 0.0f, 0.0f);
 }
 
 TEST(NoiseCovariance, RunningMeanOfThirteenThenForgettingOneTwelfth) {
     auto s = FreshState();
     s->Noise_estimation = 1;
     const cf x{0.02f, -0.01f};
-    for (int i = 0; i < 12; ++i) {
-        SetAllBins(*s, x, x);  // [[.5, .5], [.5, .5]]
+    for (int i = 0; i < 14; ++i) {
+        SetAllBins(*s, x, i < 12 ? x : cf{});  // [[.5, .5], [.5, .5]], then [[1, 0], [0, 0]]
         Bf_NoiseCovarianceUpdate(*s);
+        EXPECT_EQ(s->cov_counter, std::min(i + 1, 13));
+        if (i == 12) ExpectMatrix(s->noise_covariance[64], 7.0f / 13, 6.0f / 13, 6.0f / 13, 1e-5f);
     }
-    SetAllBins(*s, x, {});  // [[1, 0], [0, 0]]
-    Bf_NoiseCovarianceUpdate(*s);
-    EXPECT_EQ(s->cov_counter, 13);
-    ExpectMatrix(s->noise_covariance[64], 7.0f / 13, 6.0f / 13, 6.0f / 13, 1e-5f);
-
-    Bf_NoiseCovarianceUpdate(*s);
-    EXPECT_EQ(s->cov_counter, 13);
     const float keep = 11.0f / 12;
     ExpectMatrix(s->noise_covariance[64], 1.0f / 12 + keep * 7 / 13, keep * 6 / 13, keep * 6 / 13,
                  1e-5f);
-}
-
-TEST(NoiseCovariance, SpeechWeightingAndZeroSnapshots) {
-    // Calibrated: the normalised matrix is weighted by microphone 0's gain only.
-    auto s = FreshState();
-    s->calibration_flag = 1;
-    SetAllBins(*s, {0.01f, 0.01f}, {0.01f, 0.01f});
-    for (int32_t k = 0; k < kBins; ++k) {
-        s->wiener_gain[0][k] = 0.25f;
-        s->wiener_gain[1][k] = 0.9f;
-    }
-    Bf_NoiseCovarianceUpdate(*s);
-    ExpectMatrix(s->noise_covariance[50], 0.375f, 0.375f, 0.375f, 1e-6f);
-
-    // A gain of 1 removes the snapshot: the guarded trace gives 0, not NaN.
-    auto t = FreshState();
-    SetAllBins(*t, {0.01f, 0.0f}, {});
-    for (int32_t k = 0; k < kBins; ++k) t->wiener_gain[0][k] = t->wiener_gain[1][k] = 1.0f;
-    Bf_NoiseCovarianceUpdate(*t);
-    for (int32_t k = 0; k < kBins; ++k)
-        ExpectMatrix(t->noise_covariance[k], 0.0f, 0.0f, 0.0f, 0.0f);
 }
 
 TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {

@@ -14,30 +14,22 @@ TEST(InputLevel, SilenceAndFullScaleSquare) {
     auto s = std::make_unique<BfCoreState>();
     Bf_InputLevel(*s);
     EXPECT_EQ(s->input_rms, 0.0f);
-
     for (int i = 0; i < 256; ++i) s->input_window[0][i] = (i % 2 ? -32767 : 32767) / 32768.0f;
     for (float &v : s->input_window[1]) v = 0.9f;  // microphone 1 plays no part
     Bf_InputLevel(*s);
     EXPECT_FLOAT_EQ(s->input_rms, 32767.0f / 32768.0f);
 }
 
-TEST(PcmSample, TruncatesTowardZeroAndWrapsOrSaturates) {
-    struct Case {
-        float value, gain;
-        int16_t wrapped, saturated;
+TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
+    // value, gain, wrapped, saturated
+    const std::tuple<float, float, int16_t, int16_t> cases[] = {
+        {1000.4f, 0.7f, 1000, 1000},     {-1000.6f, 0.7f, -1000, -1000}, {40000.0f, 0.7f, -25536, 32767},
+        {-40000.0f, 0.7f, 25536, -32768}, {1000.0f, 0.35f, 500, 500},     {1e12f, 0.7f, -1, 32767},
     };
-    const Case cases[] = {
-        {1000.4f, 0.7f, 1000, 1000},      {-1000.6f, 0.7f, -1000, -1000},
-        {40000.0f, 0.7f, -25536, 32767},  {-40000.0f, 0.7f, 25536, -32768},
-        {1000.0f, 0.35f, 500, 500},       {1e12f, 0.7f, -1, 32767},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(Bf_PcmSample<false>(c.value, c.gain), c.wrapped) << c.value;
-        EXPECT_EQ(Bf_PcmSample<true>(c.value, c.gain), c.saturated) << c.value;
+    for (const auto &[value, gain, wrapped, saturated] : cases) {
+        EXPECT_EQ(Bf_PcmSample<false>(value, gain), wrapped) << value;
+        EXPECT_EQ(Bf_PcmSample<true>(value, gain), saturated) << value;
     }
-}
-
-TEST(OutputStage, AddsConvertsAndShiftsTheAccumulator) {
     auto s = std::make_unique<BfCoreState>();
     s->output_gain = 0.7f;
     for (int i = 0; i < 256; ++i) {
@@ -47,11 +39,10 @@ TEST(OutputStage, AddsConvertsAndShiftsTheAccumulator) {
     s->synth_frame[5] = 40000.0f;
     int16_t out[128];
     Bf_OutputStage(*s, out);
-    for (int i = 0; i < 128; ++i)
-        ASSERT_EQ(out[i], Bf_PcmSample<kivbf::kSaturateOutput>(0.25f * i + s->synth_frame[i], 0.7f));
-    EXPECT_EQ(out[5], kivbf::kSaturateOutput ? 32767 : -25535);  // 40001.25 -> 40001
     for (int i = 0; i < 128; ++i) {
+        ASSERT_EQ(out[i], Bf_PcmSample<kivbf::kSaturateOutput>(0.25f * i + s->synth_frame[i], 0.7f));
         ASSERT_EQ(s->ola_buffer[i], s->synth_frame[128 + i]);
         ASSERT_EQ(s->ola_buffer[128 + i], 0.0f);
     }
+    EXPECT_EQ(out[5], kivbf::kSaturateOutput ? 32767 : -25535);  // 40001.25 -> 40001
 }

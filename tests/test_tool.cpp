@@ -3,10 +3,9 @@
 // options or settings the library refuses end with a non-zero status.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,127 +15,70 @@
 
 namespace {
 
-constexpr int kFrames = 1000;  // not a whole number of blocks
+constexpr uint32_t kFrames = 1000;  // not a whole number of blocks
 
-// A private temporary directory, removed when the test program ends.
-struct ScratchDirectory {
-    std::string path;
-    ScratchDirectory() {
+struct ToolFixture : testing::Test {
+    std::string dir;
+    void SetUp() override {
         char pattern[] = "/tmp/kivbf_tool_XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir = std::string(pattern) + "/";
     }
-    ~ScratchDirectory() {
-        if (path != "/tmp") std::filesystem::remove_all(path);
+    void TearDown() override { std::filesystem::remove_all(dir); }
+    static std::vector<char> Read(const std::string &path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::vector<char>(std::istreambuf_iterator<char>(in), {});
+    }
+    // Exit status of the tool run with `arguments` in the scratch directory.
+    int Tool(const std::string &arguments) const {
+        const int status = std::system(("cd " + dir + " && " + KIVBF_TOOL_PATH + " " + arguments).c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 };
-
-std::string Scratch(const char *name) {
-    static const ScratchDirectory directory;
-    return directory.path + "/" + name;
-}
 
 // Identical channels: a broadside source, which the default beam passes.
 std::vector<int16_t> StereoSine() {
     std::vector<int16_t> s(2 * kFrames);
-    for (int n = 0; n < kFrames; ++n)
-        s[2 * n] = s[2 * n + 1] = static_cast<int16_t>(12000 * std::sin(0.05 * n));
-    return s;
-}
-
-std::vector<char> Bytes(const std::vector<int16_t> &samples) {
-    const char *p = reinterpret_cast<const char *>(samples.data());
-    return std::vector<char>(p, p + 2 * samples.size());
-}
-
-std::vector<char> ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteFile(const std::string &path, const std::vector<char> &bytes) {
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<long>(bytes.size()));
-}
-
-template <typename T>
-void Put(std::vector<char> &v, T x) {
-    for (size_t i = 0; i < sizeof(T); ++i) v.push_back(static_cast<char>(x >> (8 * i)));
-}
-
-std::vector<char> Wav(const std::vector<int16_t> &samples, uint16_t channels) {
-    const std::vector<char> data = Bytes(samples);
-    std::vector<char> v;
-    for (char c : std::string("RIFF....WAVEfmt ")) v.push_back(c);
-    Put<uint32_t>(v, 16);
-    Put<uint16_t>(v, 1);
-    Put<uint16_t>(v, channels);
-    Put<uint32_t>(v, 16000);
-    Put<uint32_t>(v, 16000u * 2 * channels);
-    Put<uint16_t>(v, static_cast<uint16_t>(2 * channels));
-    Put<uint16_t>(v, 16);
-    for (char c : std::string("data")) v.push_back(c);
-    Put<uint32_t>(v, static_cast<uint32_t>(data.size()));
-    v.insert(v.end(), data.begin(), data.end());
-    const uint32_t riff_size = static_cast<uint32_t>(v.size() - 8);
-    std::memcpy(&v[4], &riff_size, 4);
-    return v;
-}
-
-// Size of the "data" chunk of a WAV file, -1 if there is none.
-long WavDataSize(const std::vector<char> &wav) {
-    for (size_t at = 12; at + 8 <= wav.size();) {
-        uint32_t size = 0;
-        std::memcpy(&size, &wav[at + 4], 4);
-        if (std::memcmp(&wav[at], "data", 4) == 0) return size;
-        at += 8 + size + (size & 1);
-    }
-    return -1;
-}
-
-int Tool(const std::string &arguments) {
-    const std::string command = std::string(KIVBF_TOOL_PATH) + " " + arguments;
-    const int status = std::system(command.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::vector<int16_t> Samples(const std::vector<char> &bytes) {
-    std::vector<int16_t> s(bytes.size() / 2);
-    std::memcpy(s.data(), bytes.data(), 2 * s.size());
+    for (uint32_t n = 0; n < kFrames; ++n) s[2 * n] = s[2 * n + 1] = static_cast<int16_t>(12000 * std::sin(0.05 * n));
     return s;
 }
 
 }  // namespace
 
-TEST(Tool, WavAndRawOutputsAreAsLongAsTheirInputs) {
-    WriteFile(Scratch("in.wav"), Wav(StereoSine(), 2));
-    WriteFile(Scratch("in.raw"), Bytes(StereoSine()));
-    ASSERT_EQ(Tool("process " + Scratch("in.wav") + " " + Scratch("out.wav")), 0);
-    EXPECT_EQ(WavDataSize(ReadFile(Scratch("out.wav"))), 2 * kFrames);
-    for (const char *extra : {"", "--compensate-latency --mode 1"}) {
-        ASSERT_EQ(Tool(std::string("process --rate 16000 ") + extra + " - - < " + Scratch("in.raw") +
-                       " > " + Scratch("out.raw")),
-                  0);
-        EXPECT_EQ(ReadFile(Scratch("out.raw")).size(), 2u * kFrames) << extra;
-    }
-}
+TEST_F(ToolFixture, OutputsAreAsLongAsInputsAndCompensationAligns) {
+    const std::vector<int16_t> in = StereoSine();
+    const char *samples = reinterpret_cast<const char *>(in.data());
+    std::ofstream(dir + "in.raw", std::ios::binary).write(samples, 4 * kFrames);
+    // "RIFF", size, "WAVE", "fmt ", 16, PCM + 2 channels, 16 kHz, bytes/s, 4-byte frames of 16 bits, "data", size
+    const uint32_t header[] = {0x46464952, 36 + 4 * kFrames, 0x45564157, 0x20746d66, 16, 0x00020001,
+                               16000,      64000,            0x00100004, 0x61746164, 4 * kFrames};
+    std::ofstream(dir + "in.wav", std::ios::binary)
+        .write(reinterpret_cast<const char *>(header), sizeof header)
+        .write(samples, 4 * kFrames);
+    ASSERT_EQ(Tool("process in.wav out.wav"), 0);
+    const std::vector<char> wav = Read(dir + "out.wav");
+    const auto data = std::search(wav.begin() + 12, wav.end(), "data", "data" + 4);
+    ASSERT_LE(data + 8, wav.end());
+    uint32_t data_size = 0;
+    std::memcpy(&data_size, &*(data + 4), 4);
+    EXPECT_EQ(data_size, 2 * kFrames);
 
-TEST(Tool, CompensatedOutputLinesUpWithTheInput) {
-    WriteFile(Scratch("in.raw"), Bytes(StereoSine()));
-    ASSERT_EQ(Tool("process --compensate-latency - - < " + Scratch("in.raw") + " > " +
-                   Scratch("aligned.raw")),
-              0);
-    const std::vector<int16_t> in = StereoSine(), out = Samples(ReadFile(Scratch("aligned.raw")));
-    ASSERT_EQ(out.size(), static_cast<size_t>(kFrames));
+    ASSERT_EQ(Tool("process --rate 16000 --mode 1 - - < in.raw > out.raw"), 0);
+    EXPECT_EQ(Read(dir + "out.raw").size(), 2u * kFrames);
+    ASSERT_EQ(Tool("process --compensate-latency - - < in.raw > aligned.raw"), 0);
+    const std::vector<char> bytes = Read(dir + "aligned.raw");
+    ASSERT_EQ(bytes.size(), 2u * kFrames);
+    std::vector<int16_t> out(kFrames);
+    std::memcpy(out.data(), bytes.data(), bytes.size());
     // The first block only has half a window of history; the rest is the input.
     for (int n = 128; n < 7 * 128; ++n) ASSERT_NEAR(out[n], in[2 * n], 2) << n;
 }
 
-TEST(Tool, BadOptionsAndRefusedSettingsFail) {
-    EXPECT_NE(Tool("process --no-such-option - - < /dev/null 2>/dev/null"), 0);
-    EXPECT_NE(Tool("process --mode 9 - - < /dev/null 2>/dev/null"), 0);
-    EXPECT_NE(Tool("process --dynamic-loading 1,2,3 - - < /dev/null 2>/dev/null"), 0);
-    EXPECT_NE(Tool("process /nonexistent.wav - 2>/dev/null"), 0);
-    const std::string log = Scratch("stderr.txt");
-    EXPECT_NE(Tool("process --output-gain 2 - - < /dev/null 2> " + log), 0);
-    const std::vector<char> text = ReadFile(log);
+TEST_F(ToolFixture, BadOptionsAndRefusedSettingsFail) {
+    for (const char *arguments : {"--no-such-option - - < /dev/null", "--mode 9 - - < /dev/null",
+                                  "--dynamic-loading 1,2,3 - - < /dev/null", "/nonexistent.wav -"})
+        EXPECT_NE(Tool(std::string("process ") + arguments + " 2>/dev/null"), 0) << arguments;
+    EXPECT_NE(Tool("process --output-gain 2 - - < /dev/null 2> stderr.txt"), 0);
+    const std::vector<char> text = Read(dir + "stderr.txt");
     EXPECT_NE(std::string(text.begin(), text.end()).find("KIVBF_ERR_OUTPUT_GAIN"), std::string::npos);
 }

@@ -30,174 +30,127 @@ int WebRtcVad_CalcVad16khz(WebRtcVadInst *inst, const int16_t *speech_frame, siz
 
 namespace {
 
-using kivbf::vad::VadDetectorState;
-
 constexpr size_t kBlock = 128;
 constexpr double kRate = 16000.0;
 constexpr double kTwoPi = 6.283185307179586;
 
-class Lcg {
-public:
-    explicit Lcg(uint32_t seed) : state_(seed) {}
-    uint32_t Next() {
-        state_ = state_ * 1664525u + 1013904223u;
-        return state_;
-    }
-    double Uniform() { return (Next() >> 8) * (1.0 / 16777216.0); }  // [0, 1)
-    double Range(double lo, double hi) { return lo + (hi - lo) * Uniform(); }
-    double Noise() { return 2.0 * Uniform() - 1.0; }  // [-1, 1)
-
-private:
-    uint32_t state_;
-};
-
-int16_t ToPcm(double v) {
-    if (v >= 32767.0) return 32767;
-    if (v <= -32768.0) return -32768;
-    return static_cast<int16_t>(std::lround(v));
-}
-
-// Segments of test material, each a few dozen to a few hundred blocks long.
-enum class Kind { Silence, LowNoise, Noise, ClippedNoise, Tone, Chirp, Speech, NoisySpeech, Sweep, Square };
-constexpr int kKinds = 10;
-
+// Test material in segments of 30..329 blocks, each of one kind with its own
+// random level, frequencies, pitch and offset.
 class SignalSource {
 public:
-    explicit SignalSource(uint32_t seed) : rng_(seed) { StartSegment(); }
+    explicit SignalSource(uint32_t seed) : state_(seed) {}
 
     void NextBlock(int16_t *out) {
         if (remaining_ == 0) StartSegment();
-        for (size_t i = 0; i < kBlock; ++i) out[i] = ToPcm(Sample());
         --remaining_;
+        for (size_t i = 0; i < kBlock; ++i)
+            out[i] = static_cast<int16_t>(std::lround(std::clamp(Sample(), -32768.0, 32767.0)));
     }
 
 private:
+    enum Kind { kSilence, kLowNoise, kNoise, kClippedNoise, kTone, kSquare, kChirp, kSpeech, kNoisySpeech,
+                kSweep, kKinds };
+
+    uint32_t Next() { return state_ = state_ * 1664525u + 1013904223u; }
+    double Range(double lo, double hi) { return lo + (hi - lo) * ((Next() >> 8) / 16777216.0); }
+    double Noise() { return Range(-1.0, 1.0); }
+
     void StartSegment() {
-        kind_ = static_cast<Kind>(rng_.Next() % kKinds);
-        remaining_ = 30 + rng_.Next() % 300;
+        kind_ = static_cast<Kind>(Next() % kKinds);
+        remaining_ = 30 + Next() % 300;
         length_ = remaining_ * kBlock;
-        t_ = 0;
-        level_ = std::pow(10.0, rng_.Range(-1.0, 4.6));  // about 0.1 .. 40000
-        f0_ = rng_.Range(40.0, 7900.0);
-        f1_ = rng_.Range(40.0, 7900.0);
-        pitch_ = rng_.Range(90.0, 320.0);
-        syllable_hz_ = rng_.Range(2.5, 7.0);
-        noise_level_ = level_ * std::pow(10.0, rng_.Range(-3.0, 0.0));
-        dc_ = rng_.Uniform() < 0.2 ? rng_.Range(-2000.0, 2000.0) : 0.0;
-        phase_ = 0.0;
-        harmonics_ = 0;
-        for (int h = 1; h * pitch_ < 7500.0 && h <= kMaxHarmonics; ++h) {
-            const double f = h * pitch_;
-            harmonic_gain_[harmonics_++] = 1.0 / (1.0 + std::pow((f - 700.0) / 300.0, 2)) +
-                                           0.5 / (1.0 + std::pow((f - 1800.0) / 400.0, 2)) + 0.05;
-        }
+        t_ = phase_ = 0.0;
+        level_ = std::pow(10.0, Range(-1.0, 4.6));  // about 0.1 .. 40000
+        f0_ = Range(40.0, 7900.0);
+        f1_ = Range(40.0, 7900.0);
+        pitch_ = Range(90.0, 320.0);
+        syllable_hz_ = Range(2.5, 7.0);
+        noise_level_ = level_ * std::pow(10.0, Range(-3.0, 0.0));
+        dc_ = Range(0.0, 1.0) < 0.2 ? Range(-2000.0, 2000.0) : 0.0;
     }
 
-    // Harmonics of the pitch shaped by two formant-like peaks, switched on and
-    // off at a syllable rate.
+    // Harmonics of a wavering pitch shaped by two formant-like peaks, switched
+    // on and off at a syllable rate.
     double Voiced(double time) {
         const double envelope = std::max(0.0, std::sin(kTwoPi * syllable_hz_ * time));
         if (envelope == 0.0) return 0.0;
-        const double pitch = pitch_ * (1.0 + 0.05 * std::sin(kTwoPi * 1.3 * time));
-        phase_ += kTwoPi * pitch / kRate;
+        phase_ += kTwoPi * pitch_ * (1.0 + 0.05 * std::sin(kTwoPi * 1.3 * time)) / kRate;
         double v = 0.0;
-        for (int h = 0; h < harmonics_; ++h) v += harmonic_gain_[h] * std::sin((h + 1) * phase_);
+        for (int h = 1; h * pitch_ < 7500.0 && h <= 30; ++h) {
+            const double low = (h * pitch_ - 700.0) / 300.0, high = (h * pitch_ - 1800.0) / 400.0;
+            v += (1.0 / (1.0 + low * low) + 0.5 / (1.0 + high * high) + 0.05) * std::sin(h * phase_);
+        }
         return envelope * envelope * v;
     }
 
     double Sample() {
-        const double time = t_ / kRate;
-        const double progress = static_cast<double>(t_) / static_cast<double>(length_);
-        ++t_;
+        const double time = t_ / kRate, progress = t_ / length_;
+        t_ += 1.0;
         switch (kind_) {
-        case Kind::Silence: return 0.0;
-        case Kind::LowNoise: return std::min(level_, 64.0) * rng_.Noise();
-        case Kind::Noise: return dc_ + level_ * rng_.Noise();
-        case Kind::ClippedNoise: return 80000.0 * rng_.Noise();
-        case Kind::Tone: return dc_ + level_ * std::sin(kTwoPi * f0_ * time);
-        case Kind::Chirp: {
-            phase_ += kTwoPi * (f0_ + (f1_ - f0_) * progress) / kRate;
-            return level_ * std::sin(phase_);
-        }
-        case Kind::Speech: return level_ * 0.4 * Voiced(time);
-        case Kind::NoisySpeech: return level_ * 0.4 * Voiced(time) + noise_level_ * rng_.Noise();
-        case Kind::Sweep: {
-            const double gain = std::pow(10.0, -4.5 + 5.0 * progress);  // -90 dB .. +10 dB of full scale
-            return 32768.0 * gain * (rng_.Uniform() < 0.5 ? rng_.Noise() : std::sin(kTwoPi * f0_ * time));
-        }
-        case Kind::Square: return level_ * (std::sin(kTwoPi * f0_ * time) >= 0.0 ? 1.0 : -1.0);
+        case kSilence: return 0.0;
+        case kLowNoise: return std::min(level_, 64.0) * Noise();
+        case kNoise: return dc_ + level_ * Noise();
+        case kClippedNoise: return 80000.0 * Noise();
+        case kTone: return dc_ + level_ * std::sin(kTwoPi * f0_ * time);
+        case kSquare: return level_ * (std::sin(kTwoPi * f0_ * time) >= 0.0 ? 1.0 : -1.0);
+        case kChirp: phase_ += kTwoPi * (f0_ + (f1_ - f0_) * progress) / kRate; return level_ * std::sin(phase_);
+        case kSpeech: return level_ * 0.4 * Voiced(time);
+        case kNoisySpeech: return level_ * 0.4 * Voiced(time) + noise_level_ * Noise();
+        case kSweep:  // noise or a tone from -90 dB to +10 dB of full scale
+            return 32768.0 * std::pow(10.0, -4.5 + 5.0 * progress) *
+                   (Range(0.0, 1.0) < 0.5 ? Noise() : std::sin(kTwoPi * f0_ * time));
+        case kKinds: break;
         }
         return 0.0;
     }
 
-    Lcg rng_;
-    Kind kind_ = Kind::Silence;
+    uint32_t state_;
+    Kind kind_ = kSilence;
     uint32_t remaining_ = 0;
-    uint32_t length_ = 1;
-    uint64_t t_ = 0;
+    double length_ = 1, t_ = 0, phase_ = 0;
     double level_ = 0, f0_ = 0, f1_ = 0, pitch_ = 0, syllable_hz_ = 0, noise_level_ = 0, dc_ = 0;
-    double phase_ = 0;
-    static constexpr int kMaxHarmonics = 30;
-    double harmonic_gain_[kMaxHarmonics] = {};  // formant shaping at the segment's base pitch
-    int harmonics_ = 0;
 };
 
-struct Reference {
-    WebRtcVadInst *inst = WebRtcVad_Create();
-    explicit Reference(int mode) {
-        EXPECT_EQ(WebRtcVad_Init(inst), 0);
-        EXPECT_EQ(WebRtcVad_set_mode(inst, mode), 0);
-    }
-    ~Reference() { WebRtcVad_Free(inst); }
-    Reference(const Reference &) = delete;
-    Reference &operator=(const Reference &) = delete;
-    int Classify(const int16_t *block) { return WebRtcVad_CalcVad16khz(inst, block, kBlock); }
-};
+using Reference = std::unique_ptr<WebRtcVadInst, decltype(&WebRtcVad_Free)>;
 
-struct Detector {
-    VadDetectorState state{};
-    int16_t downsampled[kBlock]{};
-    explicit Detector(int mode) {
-        EXPECT_EQ(kivbf::vad::VadCore_Init(state), 0);
-        EXPECT_EQ(kivbf::vad::VadCore_SetMode(state, mode), 0);
-        state.resample_by_two = 1;
-        state.frame_length = kBlock;
-    }
-    int Classify(const int16_t *block) {
-        kivbf::vad::VadCore_Process(state, block, downsampled, 7);
-        return state.decision;
-    }
-};
+Reference MakeReference(int mode) {
+    Reference ref(WebRtcVad_Create(), &WebRtcVad_Free);
+    EXPECT_EQ(WebRtcVad_Init(ref.get()), 0);
+    EXPECT_EQ(WebRtcVad_set_mode(ref.get(), mode), 0);
+    return ref;
+}
 
 TEST(VadOracle, AgreesWithReferenceInAllModes) {
-    constexpr int kBlocks = 100000;
-    std::vector<Detector> ours;
-    std::vector<std::unique_ptr<Reference>> refs;
-    for (int mode = 0; mode < kivbf::vad::kModes; ++mode) {
-        ours.emplace_back(mode);
-        refs.push_back(std::make_unique<Reference>(mode));
+    constexpr int kBlocks = 100000, kModes = kivbf::vad::kModes;
+    std::vector<Reference> refs;
+    kivbf::vad::VadDetectorState ours[kModes] = {};
+    int16_t block[kBlock], downsampled[kBlock];
+    for (int mode = 0; mode < kModes; ++mode) {
+        refs.push_back(MakeReference(mode));
+        ASSERT_EQ(kivbf::vad::VadCore_Init(ours[mode]), 0);
+        ASSERT_EQ(kivbf::vad::VadCore_SetMode(ours[mode], mode), 0);
+        ours[mode].resample_by_two = 1;
+        ours[mode].frame_length = kBlock;
     }
 
     SignalSource source(20240611u);
-    int16_t block[kBlock];
-    int mismatches[4] = {};
-    int speech[4] = {};
+    int mismatches[kModes] = {}, speech[kModes] = {};
     for (int b = 0; b < kBlocks; ++b) {
         source.NextBlock(block);
-        for (int mode = 0; mode < kivbf::vad::kModes; ++mode) {
-            const int expected = refs[mode]->Classify(block);
-            const int actual = ours[mode].Classify(block);
-            if (expected > 0) ++speech[mode];
-            if (expected != actual && mismatches[mode]++ < 5) {
+        for (int mode = 0; mode < kModes; ++mode) {
+            const int expected = WebRtcVad_CalcVad16khz(refs[mode].get(), block, kBlock);
+            kivbf::vad::VadCore_Process(ours[mode], block, downsampled, 7);
+            speech[mode] += expected > 0;
+            if (expected != ours[mode].decision && mismatches[mode]++ < 5) {
                 ADD_FAILURE() << "mode " << mode << " block " << b << ": reference " << expected
-                              << ", detector " << actual;
+                              << ", detector " << ours[mode].decision;
             }
         }
     }
-    for (int mode = 0; mode < kivbf::vad::kModes; ++mode) {
-        EXPECT_EQ(mismatches[mode], 0) << "mode " << mode;
+    for (int mode = 0; mode < kModes; ++mode) {
         std::printf("mode %d: %d blocks, %d mismatches, speech fraction %.3f\n", mode, kBlocks,
                     mismatches[mode], static_cast<double>(speech[mode]) / kBlocks);
+        EXPECT_EQ(mismatches[mode], 0) << "mode " << mode;
         // A material mix this varied must exercise both decisions.
         EXPECT_GT(speech[mode], kBlocks / 20);
         EXPECT_LT(speech[mode], kBlocks - kBlocks / 20);
@@ -206,24 +159,20 @@ TEST(VadOracle, AgreesWithReferenceInAllModes) {
 
 // The wrapper's sensitivities drive the same detector as aggressiveness 3, 2, 1.
 TEST(VadOracle, WrapperSensitivitiesMatchReferenceModes) {
-    constexpr int kBlocks = 5000;
-    constexpr int kModeOfSensitivity[] = {3, 2, 1};
     for (uint32_t sensitivity = 0; sensitivity < 3; ++sensitivity) {
         alignas(16) unsigned char memory[kKivVadInstanceSize];
         const KivVadSetup setup{128, 1, 16000};
-        void *vad = KivVad_Init(memory, &setup);
         const KivVadInit init{100, sensitivity};
+        void *vad = KivVad_Init(memory, &setup);
         ASSERT_EQ(KivVad_Config(vad, &init), 0);
         ASSERT_EQ(KivVad_SetMode(vad, 1), 0);
-        Reference ref(kModeOfSensitivity[sensitivity]);
-
+        const Reference ref = MakeReference(3 - static_cast<int>(sensitivity));
         SignalSource source(777u + sensitivity);
         int16_t block[kBlock];
         int mismatches = 0;
-        for (int b = 0; b < kBlocks; ++b) {
+        for (int b = 0; b < 5000; ++b) {
             source.NextBlock(block);
-            const int expected = ref.Classify(block) > 0 ? 1 : 0;
-            if (KivVad_Run(vad, block) != expected) ++mismatches;
+            mismatches += KivVad_Run(vad, block) != (WebRtcVad_CalcVad16khz(ref.get(), block, kBlock) > 0);
         }
         EXPECT_EQ(mismatches, 0) << "sensitivity " << sensitivity;
     }

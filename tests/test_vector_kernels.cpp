@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <limits>
 #include <random>
@@ -28,10 +29,7 @@ std::vector<float> Random(int32_t count, float low, float high, unsigned seed) {
 }
 
 int64_t UlpDistance(float a, float b) {
-    int32_t ia, ib;
-    std::memcpy(&ia, &a, sizeof ia);
-    std::memcpy(&ib, &b, sizeof ib);
-    return std::llabs(static_cast<int64_t>(ia) - ib);
+    return std::llabs(static_cast<int64_t>(std::bit_cast<int32_t>(a)) - std::bit_cast<int32_t>(b));
 }
 
 // Runs `kernel` on an output seeded with `seed` (padded by one sentinel) and
@@ -40,51 +38,72 @@ void ExpectWrites(const std::function<void(float *)> &kernel, std::vector<float>
                   const std::vector<float> &expected, const std::string &what) {
     seed.resize(expected.size() + 1, kSentinel);
     kernel(seed.data());
-    for (size_t i = 0; i < expected.size(); ++i)
-        EXPECT_EQ(seed[i], expected[i]) << what << " @" << i;
+    for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(seed[i], expected[i]) << what << " @" << i;
     EXPECT_EQ(seed.back(), kSentinel) << what << " wrote past its end";
 }
 
-TEST(VectorKernels, ComplexKernelsMatchPerBinArithmeticAtEveryTailLength) {
+// kReal: `count` floats, out aliases a. kComplex: `count` complex values, out
+// aliases a. kPerBin: one output per complex value of a and b.
+enum Layout { kReal, kComplex, kPerBin };
+using Kernel = void (*)(float *out, const float *a, const float *b, int32_t floats);
+using Value = float (*)(const float *a, const float *b, int32_t i);
+#define KERNEL(call) [](float *o, [[maybe_unused]] const float *a, [[maybe_unused]] const float *b, int32_t n) { call; }
+#define VALUE(expr) []([[maybe_unused]] const float *a, [[maybe_unused]] const float *b, [[maybe_unused]] int32_t i) -> float { return expr; }
+const struct {
+    const char *name;
+    Layout layout;
+    Kernel run;
+    Value expected;
+} kElementwise[] = {
+    {"power", kPerBin, KERNEL(cplx_power(a, o, n)), VALUE(a[2 * i] * a[2 * i] + a[2 * i + 1] * a[2 * i + 1])},
+    {"a*b re", kPerBin, KERNEL(cplx_mul_real(a, b, o, n, 1)), VALUE(a[2 * i] * b[2 * i] - a[2 * i + 1] * b[2 * i + 1])},
+    {"a*b im", kPerBin, KERNEL(cplx_mul_imag(a, b, o, n, 1)), VALUE(a[2 * i] * b[2 * i + 1] + a[2 * i + 1] * b[2 * i])},
+    {"a'b re", kPerBin, KERNEL(cplx_mul_real(a, b, o, n, 0)), VALUE(a[2 * i] * b[2 * i] + a[2 * i + 1] * b[2 * i + 1])},
+    {"a'b im", kPerBin, KERNEL(cplx_mul_imag(a, b, o, n, 0)), VALUE(a[2 * i] * b[2 * i + 1] - a[2 * i + 1] * b[2 * i])},
+    {"a'a re", kPerBin, KERNEL(cplx_mul_real(a, a, o, n, 0)), VALUE(a[2 * i] * a[2 * i] + a[2 * i + 1] * a[2 * i + 1])},
+    {"a'a im", kPerBin, KERNEL(cplx_mul_imag(a, a, o, n, 0)), VALUE(0.0f)},
+    {"cplx add", kComplex, KERNEL(cplx_add(a, b, o, n)), VALUE(a[i] + b[i])},
+    {"cplx scale", kComplex, KERNEL(cplx_scale(a, 0.25f, o, n)), VALUE(a[i] * 0.25f)},
+    {"cplx mix", kComplex, KERNEL(cplx_mix(a, b, 0.9f, o, n)), VALUE(0.9f * a[i] + (1.0f - 0.9f) * b[i])},
+    {"cplx gain", kComplex, KERNEL(cplx_scale_by_real(a, b, o, n)), VALUE(a[i] * b[i / 2])},
+    {"add", kReal, KERNEL(vec_add(a, b, o, n)), VALUE(a[i] + b[i])},
+    {"mul", kReal, KERNEL(vec_mul(a, b, o, n)), VALUE(a[i] * b[i])},
+    {"mix", kReal, KERNEL(vec_mix(a, b, 0.3f, o, n)), VALUE(0.3f * a[i] + (1.0f - 0.3f) * b[i])},
+    {"mix alt", kReal, KERNEL(vec_mix_alt(a, b, 0.3f, o, n)), VALUE(0.3f * a[i] + (1.0f - 0.3f) * b[i])},
+    {"floor", kReal, KERNEL(vec_floor(a, 0.5f, o, n)), VALUE(std::max(a[i], 0.5f))},
+    {"ceil", kReal, KERNEL(vec_ceil(a, 0.5f, o, n)), VALUE(std::min(a[i], 0.5f))},
+    {"scale", kReal, KERNEL(vec_scale(o, -1.5f, n)), VALUE(a[i] * -1.5f)},
+    {"fill", kReal, KERNEL(vec_fill(o, 2.5f, n)), VALUE(2.5f)},
+    {"exp", kReal, KERNEL(vec_exp(a, o, n)), VALUE(std::exp(a[i]))},
+};
+#undef KERNEL
+#undef VALUE
+
+TEST(VectorKernels, ElementwiseKernelsMatchScalarArithmeticAtEveryTailLength) {
+    for (const auto &c : kElementwise) {
+        for (int32_t count : kCounts) {
+            const int32_t floats = c.layout == kReal ? count : 2 * count;
+            const auto a = Random(floats, -2.0f, 2.0f, 1), b = Random(floats, -2.0f, 2.0f, 2);
+            std::vector<float> expected(c.layout == kPerBin ? count : floats);
+            for (int32_t i = 0; i < static_cast<int32_t>(expected.size()); ++i) expected[i] = c.expected(a.data(), b.data(), i);
+            ExpectWrites([&](float *o) { c.run(o, c.layout == kPerBin ? a.data() : o, b.data(), floats); },
+                         c.layout == kPerBin ? std::vector<float>{} : a, expected,
+                         std::string(c.name) + " count=" + std::to_string(count));
+        }
+    }
+}
+
+TEST(VectorKernels, ComplexLayoutInPlacePowerAndDivision) {
     for (int32_t bins : kCounts) {
         const int32_t n = 2 * bins;
-        const auto a = Random(n, -3.0f, 3.0f, 1), b = Random(n, -3.0f, 3.0f, 2);
-        const auto g = Random(bins, 0.5f, 4.0f, 3);
-        std::vector<float> power(bins), re(bins), im(bins), cre(bins), cim(bins), zero(bins, 0.0f);
-        std::vector<float> sum(n), scaled(n), mixed(n), by_gain(n);
-        for (int32_t k = 0; k < bins; ++k) {
-            const float ar = a[2 * k], ai = a[2 * k + 1], br = b[2 * k], bi = b[2 * k + 1];
-            power[k] = ar * ar + ai * ai;
-            re[k] = ar * br - ai * bi, im[k] = ar * bi + ai * br;
-            cre[k] = ar * br + ai * bi, cim[k] = ar * bi - ai * br;
-        }
-        for (int32_t i = 0; i < n; ++i) {
-            sum[i] = a[i] + b[i];
-            scaled[i] = a[i] * 0.25f;
-            mixed[i] = 0.9f * a[i] + (1.0f - 0.9f) * b[i];
-            by_gain[i] = a[i] * g[i / 2];
-        }
+        const auto a = Random(n, -3.0f, 3.0f, 3), g = Random(bins, 0.5f, 4.0f, 4);
         const std::string at = " bins=" + std::to_string(bins);
-        const float *pa = a.data(), *pb = b.data();
-        ExpectWrites([&](float *o) { cplx_power(pa, o, n); }, {}, power, "power" + at);
-        ExpectWrites([&](float *o) { cplx_mul_real(pa, pb, o, n, 1); }, {}, re, "a*b re" + at);
-        ExpectWrites([&](float *o) { cplx_mul_imag(pa, pb, o, n, 1); }, {}, im, "a*b im" + at);
-        ExpectWrites([&](float *o) { cplx_mul_real(pa, pb, o, n, 0); }, {}, cre, "a'b re" + at);
-        ExpectWrites([&](float *o) { cplx_mul_imag(pa, pb, o, n, 0); }, {}, cim, "a'b im" + at);
-        ExpectWrites([&](float *o) { cplx_mul_real(pa, pa, o, n, 0); }, {}, power, "a'a re" + at);
-        ExpectWrites([&](float *o) { cplx_mul_imag(pa, pa, o, n, 0); }, {}, zero, "a'a im" + at);
-        ExpectWrites([&](float *o) { cplx_add(o, pb, o, n); }, a, sum, "add in place" + at);
-        ExpectWrites([&](float *o) { cplx_scale(o, 0.25f, o, n); }, a, scaled, "scale" + at);
-        ExpectWrites([&](float *o) { cplx_mix(o, pb, 0.9f, o, n); }, a, mixed, "mix" + at);
-        ExpectWrites([&](float *o) { cplx_scale_by_real(o, g.data(), o, n); }, a, by_gain,
-                     "gain" + at);
-
-        std::vector<float> in_place = a;
-        cplx_power(in_place.data(), in_place.data(), n);
-        EXPECT_EQ(std::vector<float>(in_place.begin(), in_place.begin() + bins), power) << at;
+        std::vector<float> power = a;
+        cplx_power(power.data(), power.data(), n);
+        for (int32_t k = 0; k < bins; ++k) EXPECT_EQ(power[k], a[2 * k] * a[2 * k] + a[2 * k + 1] * a[2 * k + 1]) << at;
 
         std::vector<float> split(n + 2, kSentinel), joined(n + 1, kSentinel);
-        cplx_deinterleave(pa, split.data(), split.data() + bins + 1, n);
+        cplx_deinterleave(a.data(), split.data(), split.data() + bins + 1, n);
         cplx_interleave(split.data(), split.data() + bins + 1, joined.data(), bins);
         EXPECT_EQ(split[bins], kSentinel) << at;
         EXPECT_EQ(std::vector<float>(joined.begin(), joined.begin() + n), a) << at;
@@ -92,42 +111,7 @@ TEST(VectorKernels, ComplexKernelsMatchPerBinArithmeticAtEveryTailLength) {
 
         std::vector<float> quotient = a;
         cplx_divide_by_real(quotient.data(), g.data(), quotient.data(), n);
-        for (int32_t i = 0; i < n; ++i)
-            EXPECT_LE(UlpDistance(quotient[i], a[i] / g[i / 2]), 4) << at;
-    }
-}
-
-TEST(VectorKernels, RealKernelsMatchScalarArithmeticInPlace) {
-    using Kernel = std::function<void(float *, const float *, int32_t)>;  // out aliases a
-    using Scalar = std::function<float(float, float)>;
-    const std::pair<Kernel, Scalar> cases[] = {
-        {[](float *o, const float *b, int32_t n) { vec_add(o, b, o, n); },
-         [](float x, float y) { return x + y; }},
-        {[](float *o, const float *b, int32_t n) { vec_mul(o, b, o, n); },
-         [](float x, float y) { return x * y; }},
-        {[](float *o, const float *b, int32_t n) { vec_mix(o, b, 0.3f, o, n); },
-         [](float x, float y) { return 0.3f * x + (1.0f - 0.3f) * y; }},
-        {[](float *o, const float *b, int32_t n) { vec_mix_alt(o, b, 0.3f, o, n); },
-         [](float x, float y) { return 0.3f * x + (1.0f - 0.3f) * y; }},
-        {[](float *o, const float *, int32_t n) { vec_floor(o, 0.5f, o, n); },
-         [](float x, float) { return std::max(x, 0.5f); }},
-        {[](float *o, const float *, int32_t n) { vec_ceil(o, 0.5f, o, n); },
-         [](float x, float) { return std::min(x, 0.5f); }},
-        {[](float *o, const float *, int32_t n) { vec_scale(o, -1.5f, n); },
-         [](float x, float) { return x * -1.5f; }},
-        {[](float *o, const float *, int32_t n) { vec_fill(o, 2.5f, n); },
-         [](float, float) { return 2.5f; }},
-        {[](float *o, const float *, int32_t n) { vec_exp(o, o, n); },
-         [](float x, float) { return std::exp(x); }},
-    };
-    for (size_t c = 0; c < std::size(cases); ++c) {
-        for (int32_t n : kCounts) {
-            const auto a = Random(n, -2.0f, 2.0f, 4), b = Random(n, -2.0f, 2.0f, 5);
-            std::vector<float> expected(n);
-            for (int32_t i = 0; i < n; ++i) expected[i] = cases[c].second(a[i], b[i]);
-            ExpectWrites([&](float *o) { cases[c].first(o, b.data(), n); }, a, expected,
-                         "case " + std::to_string(c) + " n=" + std::to_string(n));
-        }
+        for (int32_t i = 0; i < n; ++i) EXPECT_LE(UlpDistance(quotient[i], a[i] / g[i / 2]), 4) << at;
     }
 }
 
@@ -147,23 +131,20 @@ TEST(VectorKernels, DivideAndSqrtAreWithinAFewUlpAndHandleSpecialValues) {
 
     // Each special value once in a lane (index 0) and once in the tail (index 8).
     const float denormal = FLT_MIN / 4.0f, nan = std::numeric_limits<float>::quiet_NaN();
-    const float numerand[] = {4.0f, -4.0f, 4.0f, 4.0f, 4.0f};
-    const float divisor[] = {0.0f, 0.0f, -0.0f, denormal, kInf};
-    const float quotient[] = {kInf, -kInf, -kInf, kInf, 0.0f};
-    const float radicand[] = {0.0f, kInf, denormal, -1.0f, nan};
-    const float root[] = {0.0f, kInf, 0.0f, nan, nan};
-    for (int32_t c = 0; c < 5; ++c) {
+    const struct {
+        float numerand, divisor, quotient, radicand, root;
+    } specials[] = {{4.0f, 0.0f, kInf, 0.0f, 0.0f}, {-4.0f, 0.0f, -kInf, kInf, kInf},
+                    {4.0f, -0.0f, -kInf, denormal, 0.0f}, {4.0f, denormal, kInf, -1.0f, nan},
+                    {4.0f, kInf, 0.0f, nan, nan}};
+    for (const auto &c : specials) {
         for (int32_t at : {0, 8}) {
             std::vector<float> x(9, 1.0f), y(9, 1.0f), out(9);
-            x[at] = numerand[c], y[at] = divisor[c];
+            x[at] = c.numerand, y[at] = c.divisor;
             vec_divide(x.data(), y.data(), out.data(), 9);
-            EXPECT_EQ(out[at], quotient[c]) << numerand[c] << " / " << divisor[c] << " @" << at;
-            x[at] = radicand[c];
+            EXPECT_EQ(out[at], c.quotient) << c.numerand << " / " << c.divisor << " @" << at;
+            x[at] = c.radicand;
             vec_sqrt(x.data(), out.data(), 9);
-            if (std::isnan(root[c]))
-                EXPECT_TRUE(std::isnan(out[at])) << "sqrt " << radicand[c] << " @" << at;
-            else
-                EXPECT_EQ(out[at], root[c]) << "sqrt " << radicand[c] << " @" << at;
+            EXPECT_TRUE(std::isnan(c.root) ? std::isnan(out[at]) : out[at] == c.root) << c.radicand << " @" << at;
         }
     }
 
@@ -191,14 +172,8 @@ TEST(VectorKernels, DotAndConvolutionSumInOneFixedOrder) {
     const int32_t n = 129, m = 22;
     const auto x = Random(n + 2 * (m - 1), 0.0f, 1.0f, 9), h = Random(m, 0.0f, 0.1f, 10);
     std::vector<float> expected(n + m - 1);
-    for (int32_t j = 0; j < n + m - 1; ++j) {
-        expected[j] = vec_dot(x.data() + j, h.data(), m);
-        double sum = 0.0;
-        for (int32_t t = 0; t < m; ++t) sum += static_cast<double>(x[j + t]) * h[t];
-        EXPECT_NEAR(expected[j], sum, 1e-6) << j;
-    }
-    ExpectWrites([&](float *o) { vec_convolve(x.data(), h.data(), o, n, m); }, {}, expected,
-                 "conv");
+    for (int32_t j = 0; j < n + m - 1; ++j) expected[j] = vec_dot(x.data() + j, h.data(), m);
+    ExpectWrites([&](float *o) { vec_convolve(x.data(), h.data(), o, n, m); }, {}, expected, "conv");
 }
 
 }  // namespace

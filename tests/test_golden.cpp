@@ -1,0 +1,226 @@
+// Golden outputs: one fixed scene through KivBf_Run in every mode and in the
+// settings that change the signal path, each output reduced to a line of
+// figures (FNV-1a 64 of the output bytes, RMS, peak, first non-zero samples) and
+// compared exactly with tests/data/golden.txt. Any change to the arithmetic
+// anywhere in the library shows up here; when the change is intended,
+// rewrite the file from the top of the tree with
+//   KIVBF_GOLDEN_WRITE=1 build/native/tests/test_golden
+// and review the diff. The figures are exact only for one libm and one
+// vector path, so they are recorded and compared on x86-64; test_cross_arch
+// compares the other architectures with a tolerance.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+constexpr int kHop = 128;
+constexpr int kBlocks = 300;
+constexpr int kSamples = kBlocks * kHop;
+constexpr int kShownSamples = 4;
+
+// Integer-only scene, the same bytes on every platform: a voiced talker at
+// broadside speaking 36 blocks out of every 60 with 64-sample ramps, a
+// low-passed noise interferer that reaches microphone 0 two samples before
+// microphone 1, and independent sensor noise. The talker is above the
+// default -20 dBFS gate, the interferer alone below it. Nothing clips, in
+// or out, so wrapping and saturating output stages give the same figures.
+class Lcg {
+public:
+    explicit Lcg(uint32_t seed) : state_(seed) {}
+    int32_t Next() {  // uniform in [-32768, 32767]
+        state_ = state_ * 1664525u + 1013904223u;
+        return static_cast<int32_t>(state_ >> 16) - 32768;
+    }
+
+private:
+    uint32_t state_;
+};
+
+int32_t TalkerGainQ6(int n) {  // 0..64
+    constexpr int kCycle = 60 * kHop, kPause = 24 * kHop, kRamp = 64;
+    const int into = n % kCycle - kPause;
+    if (into < 0) return 0;
+    return std::min({kRamp, into, kCycle - kPause - into});
+}
+
+std::vector<int16_t> MakeScene() {
+    constexpr int32_t kA1 = 30870, kA2 = 15745;  // Q14 resonator near 600 Hz, r = 0.98
+    constexpr int kLag = 2;
+    Lcg excitation(11), interferer_source(12), sensor0(13), sensor1(14);
+    std::vector<int32_t> interferer(kSamples + kLag);
+    int32_t lowpass = 0;
+    for (int32_t &sample : interferer) {
+        lowpass += (interferer_source.Next() - lowpass) >> 3;
+        sample = lowpass / 4;
+    }
+    std::vector<int16_t> scene(2 * kSamples);
+    int32_t y1 = 0, y2 = 0;
+    for (int n = 0; n < kSamples; ++n) {
+        const int period = 90 + 20 * ((n / (60 * kHop)) % 3);  // pitch changes per burst
+        const int32_t pulse = (n % period == 0) ? 3000 : 0;
+        const int32_t y = ((kA1 * y1 - kA2 * y2) >> 14) + pulse + (excitation.Next() >> 6);
+        y2 = y1;
+        y1 = y;
+        const int32_t talker = y * TalkerGainQ6(n) / 48;
+        const int32_t mic0 = talker + interferer[n + kLag] + (sensor0.Next() >> 9);
+        const int32_t mic1 = talker + interferer[n] + (sensor1.Next() >> 9);
+        scene[2 * n] = static_cast<int16_t>(std::clamp(mic0, -32768, 32767));
+        scene[2 * n + 1] = static_cast<int16_t>(std::clamp(mic1, -32768, 32767));
+    }
+    return scene;
+}
+
+uint64_t Fnv1a64(const std::vector<int16_t> &samples) {
+    uint64_t hash = 14695981039346656037ull;
+    for (int16_t s : samples) {
+        const auto bits = static_cast<uint16_t>(s);
+        hash = (hash ^ (bits & 0xFFu)) * 1099511628211ull;
+        hash = (hash ^ (bits >> 8)) * 1099511628211ull;
+    }
+    return hash;
+}
+
+struct GoldenCase {
+    const char *name;
+    uint32_t mode;
+    float angle;      // SetMode and the per-block direction
+    uint32_t vad_enable;
+    uint32_t noise_estimation;
+    uint32_t calibration;
+    int32_t intensity;  // -1: leave the default
+    int32_t pf_flow;    // -1: leave the default
+    bool dynamic_loading;
+};
+
+constexpr GoldenCase kCases[] = {
+    {"mode0", 0, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode1", 1, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode1_angle_-30", 1, -30.0f, 0, 0, 0, -1, -1, false},
+    {"mode1_dynamic_loading", 1, 0.0f, 0, 0, 0, -1, -1, true},
+    {"mode2", 2, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode3_pf_flow_1", 3, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode3_pf_flow_0", 3, 0.0f, 0, 0, 0, -1, 0, false},
+    {"mode3_pf_flow_2", 3, 0.0f, 0, 0, 0, -1, 2, false},
+    {"mode3_intensity_4", 3, 0.0f, 0, 0, 0, 4, -1, false},
+    {"mode3_vad", 3, 0.0f, 1, 0, 0, -1, -1, false},
+    {"mode4_refused", 4, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode0_calibration", 0, 0.0f, 0, 0, 1, -1, -1, false},
+    {"mode0_vad", 0, 0.0f, 1, 0, 0, -1, -1, false},
+    {"mode0_noise_estimation_1", 0, 0.0f, 0, 1, 0, -1, -1, false},
+    {"mode0_intensity_3", 0, 0.0f, 0, 0, 0, 3, -1, false},
+};
+
+std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &scene) {
+    kivbf_test::WorkingBuffer buffer;
+    AudioBfHandle handle = kivbf_test::MakeConfiguredHandle(buffer);
+    AudioBfConfig config{};
+    EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);
+    config.vad_enable = c.vad_enable;
+    config.Noise_estimation = c.noise_estimation;
+    EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
+    if (c.dynamic_loading) {
+        const int32_t band[6] = {8, 16, 32, 48, 64, 96};
+        const int32_t factor[7] = {1, 3, 10, 30, 100, 300, 1000};
+        EXPECT_EQ(KivBf_DynamicLoading(handle, band, factor, 1), KIVBF_OK);
+    }
+    EXPECT_EQ(KivBf_SetCalibration(handle, c.calibration), KIVBF_OK);
+    // Mode 4 is refused but stays stored, the only way to run it.
+    EXPECT_EQ(KivBf_SetMode(handle, c.mode, c.angle), c.mode == 4 ? KIVBF_ERR_MODE : KIVBF_OK);
+    if (c.intensity >= 0) {
+        EXPECT_EQ(KivBf_SetAdaptiveIntensity(handle, c.intensity), KIVBF_OK);
+    }
+    if (c.pf_flow >= 0) {
+        EXPECT_EQ(KivBf_SetPfFlow(handle, static_cast<uint32_t>(c.pf_flow)), KIVBF_OK);
+    }
+
+    std::vector<int16_t> output(kSamples);
+    for (int b = 0; b < kBlocks; ++b)
+        EXPECT_EQ(KivBf_Run(handle, &scene[2 * kHop * b], &output[kHop * b], &c.angle), KIVBF_OK);
+    KivBf_Free(handle);
+    return output;
+}
+
+// "<hash> <rms> <peak> <first non-zero index> <samples from there on>".
+std::string Figures(const std::vector<int16_t> &output) {
+    int64_t energy = 0;
+    int32_t peak = 0;
+    for (int16_t s : output) {
+        energy += static_cast<int32_t>(s) * s;
+        peak = std::max(peak, std::abs(static_cast<int32_t>(s)));
+    }
+    const auto first = std::find_if(output.begin(), output.end(), [](int16_t s) { return s != 0; });
+    const long index = first == output.end() ? -1 : first - output.begin();
+    char text[160];
+    int length = std::snprintf(text, sizeof text, "%016llx %.3f %d %ld",
+                               static_cast<unsigned long long>(Fnv1a64(output)),
+                               std::sqrt(static_cast<double>(energy) / kSamples), peak, index);
+    for (auto it = first; it != output.end() && it - first < kShownSamples; ++it)
+        length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), " %d", *it);
+    return text;
+}
+
+std::string GoldenPath() {
+    const std::string source = __FILE__;
+    return source.substr(0, source.find_last_of('/') + 1) + "data/golden.txt";
+}
+
+std::map<std::string, std::string> ReadGolden(const std::string &path) {
+    std::map<std::string, std::string> lines;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        const size_t blank = line.find(' ');
+        if (blank != std::string::npos) lines[line.substr(0, blank)] = line.substr(blank + 1);
+    }
+    return lines;
+}
+
+TEST(Golden, EveryCaseReproducesItsRecordedOutput) {
+#if !defined(__x86_64__)
+    GTEST_SKIP() << "golden figures are exact for x86-64 only; test_cross_arch covers this "
+                    "architecture with a tolerance";
+#endif
+    setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);
+    const std::vector<int16_t> scene = MakeScene();
+    std::map<std::string, std::string> actual;
+    actual["scene"] = Figures(scene);
+    for (const GoldenCase &c : kCases) actual[c.name] = Figures(RunCase(c, scene));
+
+    if (std::getenv("KIVBF_GOLDEN_WRITE") != nullptr) {
+        std::ofstream file(GoldenPath());
+        file << "# Written by KIVBF_GOLDEN_WRITE=1 build/native/tests/test_golden (see\n"
+                "# tests/test_golden.cpp). Per case: FNV-1a 64 of the output, output RMS,\n"
+                "# peak, index of the first non-zero sample and the samples from there on.\n";
+        file << "scene " << actual["scene"] << "\n";
+        for (const GoldenCase &c : kCases) file << c.name << " " << actual[c.name] << "\n";
+        ASSERT_TRUE(file.good()) << "cannot write " << GoldenPath();
+        std::printf("golden figures written to %s\n", GoldenPath().c_str());
+        return;
+    }
+
+    const std::map<std::string, std::string> golden = ReadGolden(GoldenPath());
+    ASSERT_FALSE(golden.empty()) << GoldenPath() << " is missing; write it as the comment at the "
+                                 << "top of this file says";
+    ASSERT_EQ(golden.count("scene") ? golden.at("scene") : "", actual["scene"])
+        << "the scene itself changed; the recorded figures no longer apply";
+    for (const GoldenCase &c : kCases) {
+        const auto recorded = golden.find(c.name);
+        EXPECT_TRUE(recorded != golden.end() && recorded->second == actual[c.name])
+            << c.name << " now gives:\n  " << c.name << " " << actual[c.name] << "\nrecorded:\n  "
+            << c.name << " " << (recorded == golden.end() ? "(none)" : recorded->second);
+    }
+}
+
+}  // namespace
