@@ -1,5 +1,7 @@
 // Operating controls: mode, adaptive intensity, dynamic loading, post-filter
 // flow and calibration.
+#include <cmath>
+
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core_presets.h"
 #include "debug_msglevel.h"
@@ -34,6 +36,12 @@ void ApplyBandLoading(BfCoreState &s) {
     }
 }
 
+// The fixed beam looks toward angle + 90; an angle that is not a number keeps
+// the previous look direction instead of designing a beam of NaNs.
+void TakeSteeringAngle(BfCoreState &s, float angle) {
+    if (std::isfinite(angle)) s.steering_angle = angle + 90.0f;
+}
+
 }  // namespace
 
 extern "C" {
@@ -63,11 +71,11 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
             Bf_ResetCovariance(s);
             break;
         case KIVBF_MODE_FIXED:
-            s.steering_angle = angle + 90.0f;
+            TakeSteeringAngle(s, angle);
             Bf_DesignFixedBeam(s);
             break;
         case KIVBF_MODE_FIXED_CANCELLER:
-            s.steering_angle = angle + 90.0f;
+            TakeSteeringAngle(s, angle);
             Bf_DesignFixedBeam(s);
             Bf_ResetCanceller(s);
             break;

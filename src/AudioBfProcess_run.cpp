@@ -1,4 +1,5 @@
 // KivBf_Run: one block through the beamformer.
+#include <cmath>
 #include <cstring>
 
 #include "AudioBfProcess_internal.h"
@@ -50,6 +51,9 @@ void AnswerSilence(BfCoreState &s, int16_t *output) {
 }
 
 void TakeDirection(BfCoreState &s, float direction) {
+    // A direction that is not a number would reach every adaptive state and
+    // stay there; such a block keeps the previous direction.
+    if (!std::isfinite(direction)) return;
     s.target_angle = direction + 90.0f;
     if (s.array_geometry == KIVBF_GEOMETRY_LINEAR && s.target_angle >= 180.0f)
         s.target_angle = 360.0f - s.target_angle;  // a line cannot tell front from back

@@ -81,7 +81,7 @@ TEST_F(DumpFixture, MissingOrOverlongDirectoryFailsInit) {
         setenv("AUDIO_DUMP_PATH", path.c_str(), 1);
         AudioBfInit init = DefaultInit();
         const std::string printed = Captured([&] { EXPECT_EQ(KivBf_Init(buffer.data(), &init), nullptr); });
-        EXPECT_EQ(printed.rfind("[ALGO_MSG_ERR] [BF][Init]Fail! Dump path ", 0), 0u) << printed;
+        EXPECT_NE(printed.find("[ALGO_MSG_ERR] [BF][Init]Fail! Dump path "), std::string::npos);
         EXPECT_NE(printed.find(" doesn't exist!\t\n"), std::string::npos);
     }
 }

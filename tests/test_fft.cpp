@@ -67,7 +67,8 @@ TEST_F(FftTest, ForwardIsTheUnscaledDftAndInverseUndoesIt) {
     Transform(FFT_FORWARD, data);
     for (int32_t k = 0; k <= kN / 2; ++k) {
         std::complex<double> bin = 0.0;
-        for (int32_t n = 0; n < kN; ++n) bin += static_cast<double>(frame[n]) * std::polar(1.0, -2.0 * M_PI * k * n / kN);
+        for (int32_t n = 0; n < kN; ++n)
+            bin += static_cast<double>(frame[n]) * std::polar(1.0, -2.0 * M_PI * k * n / kN);
         EXPECT_NEAR(data[2 * k], bin.real(), 2e-5) << "bin " << k;
         EXPECT_NEAR(data[2 * k + 1], bin.imag(), 2e-5) << "bin " << k;
     }

@@ -47,8 +47,12 @@ void ExpectWrites(const std::function<void(float *)> &kernel, std::vector<float>
 enum Layout { kReal, kComplex, kPerBin };
 using Kernel = void (*)(float *out, const float *a, const float *b, int32_t floats);
 using Value = float (*)(const float *a, const float *b, int32_t i);
-#define KERNEL(call) [](float *o, [[maybe_unused]] const float *a, [[maybe_unused]] const float *b, int32_t n) { call; }
-#define VALUE(expr) []([[maybe_unused]] const float *a, [[maybe_unused]] const float *b, [[maybe_unused]] int32_t i) -> float { return expr; }
+#define KERNEL(call) \
+    [](float *o, [[maybe_unused]] const float *a, [[maybe_unused]] const float *b, int32_t n) { call; }
+#define VALUE(expr) \
+    []([[maybe_unused]] const float *a, [[maybe_unused]] const float *b, [[maybe_unused]] int32_t i) -> float { \
+        return expr; \
+    }
 const struct {
     const char *name;
     Layout layout;
@@ -85,7 +89,7 @@ TEST(VectorKernels, ElementwiseKernelsMatchScalarArithmeticAtEveryTailLength) {
             const int32_t floats = c.layout == kReal ? count : 2 * count;
             const auto a = Random(floats, -2.0f, 2.0f, 1), b = Random(floats, -2.0f, 2.0f, 2);
             std::vector<float> expected(c.layout == kPerBin ? count : floats);
-            for (int32_t i = 0; i < static_cast<int32_t>(expected.size()); ++i) expected[i] = c.expected(a.data(), b.data(), i);
+            for (size_t i = 0; i < expected.size(); ++i) expected[i] = c.expected(a.data(), b.data(), int32_t(i));
             ExpectWrites([&](float *o) { c.run(o, c.layout == kPerBin ? a.data() : o, b.data(), floats); },
                          c.layout == kPerBin ? std::vector<float>{} : a, expected,
                          std::string(c.name) + " count=" + std::to_string(count));

@@ -16,6 +16,7 @@ constexpr Command kCommands[] = {
     {"info", Command_Info, "API version, working-buffer layout and default configuration"},
     {"process", Command_Process, "beamform a 2-channel WAV or raw s16le stream to mono"},
     {"demo", Command_Demo, "synthesise a scene, run every mode, report attenuation"},
+    {"pattern", Command_Pattern, "fixed beam response, directivity and white-noise gain, as a picture"},
 };
 
 void PrintUsage() {

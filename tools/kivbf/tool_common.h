@@ -59,6 +59,8 @@ public:
     const std::string &Error() const { return error_; }
     // Mode 4 is refused by SetMode but still runs; the note says so.
     const std::string &Note() const { return note_; }
+    // The configured handle, for commands that read the designed state.
+    AudioBfHandle Handle() const { return handle_; }
     // One block: 256 interleaved samples in, 128 out.
     uint32_t Process(const int16_t *input, int16_t *output);
 

@@ -1,0 +1,101 @@
+// Scans of a handle's floating-point state for the fuzzer and the soak tool:
+// every float array and scalar that a later block reads back.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+
+#include "Beamformer_core.h"
+
+namespace kivbf_tools {
+
+// Calls visit(name, first, count) for each float field of the state.
+template <typename Visit>
+void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
+#define KIVBF_VISIT(field) \
+    visit(#field, reinterpret_cast<const float *>(&s.field), sizeof(s.field) / sizeof(float))
+    KIVBF_VISIT(pf_gain);
+    KIVBF_VISIT(microphone_distance);
+    KIVBF_VISIT(output_gain);
+    KIVBF_VISIT(speed_of_sound);
+    KIVBF_VISIT(target_angle);
+    KIVBF_VISIT(loading_base);
+    KIVBF_VISIT(mic_position);
+    KIVBF_VISIT(mic_distance_matrix);
+    KIVBF_VISIT(mic_relative_position);
+    KIVBF_VISIT(fft_buffer);
+    KIVBF_VISIT(input_window);
+    KIVBF_VISIT(input_rms);
+    KIVBF_VISIT(bin_loading);
+    KIVBF_VISIT(bin_frequency);
+    KIVBF_VISIT(ola_buffer);
+    KIVBF_VISIT(synth_frame);
+    KIVBF_VISIT(beam_weights);
+    KIVBF_VISIT(steering_angle);
+    KIVBF_VISIT(intensity_scale);
+    KIVBF_VISIT(intensity_floor);
+    KIVBF_VISIT(band_weight_low);
+    KIVBF_VISIT(band_weight_wide);
+    KIVBF_VISIT(band_weight_mid);
+    KIVBF_VISIT(mode3_scale);
+    KIVBF_VISIT(intensity_limit);
+    KIVBF_VISIT(pf_mix);
+    KIVBF_VISIT(mic_spectrum);
+    KIVBF_VISIT(mic_phase_rate);
+    KIVBF_VISIT(steering_phase);
+    KIVBF_VISIT(raw_mic1_spectrum);
+    KIVBF_VISIT(calibration_gain);
+    KIVBF_VISIT(steer_delay);
+    KIVBF_VISIT(target_steering);
+    KIVBF_VISIT(noise_psd);
+    KIVBF_VISIT(spp_smoothed);
+    KIVBF_VISIT(prior_snr_memory);
+    KIVBF_VISIT(wiener_gain);
+    KIVBF_VISIT(speech_noise_ratio);
+    KIVBF_VISIT(noise_covariance);
+    KIVBF_VISIT(power_history);
+    KIVBF_VISIT(avg_power);
+    KIVBF_VISIT(cross_history);
+    KIVBF_VISIT(avg_cross);
+    KIVBF_VISIT(direction_score);
+    KIVBF_VISIT(direction_weight);
+    KIVBF_VISIT(mean_coherence);
+    KIVBF_VISIT(beam_output);
+    KIVBF_VISIT(anc_filter);
+    KIVBF_VISIT(reference_power);
+    KIVBF_VISIT(pf_raw_gain);
+#undef KIVBF_VISIT
+}
+
+// Name of the first state field holding NaN or infinity, or nullptr.
+inline const char *FirstNonFiniteField(const BfCoreState &s) {
+    const char *found = nullptr;
+    ForEachStateFloat(s, [&found](const char *name, const float *v, size_t n) {
+        for (size_t i = 0; found == nullptr && i < n; ++i)
+            if (!std::isfinite(v[i])) found = name;
+    });
+    return found;
+}
+
+// Subnormal values in the state and the field holding the most of them.
+struct SubnormalCount {
+    size_t total = 0;
+    const char *worst_field = nullptr;
+    size_t worst_count = 0;
+};
+
+inline SubnormalCount CountSubnormals(const BfCoreState &s) {
+    SubnormalCount count;
+    ForEachStateFloat(s, [&count](const char *name, const float *v, size_t n) {
+        size_t here = 0;
+        for (size_t i = 0; i < n; ++i) here += std::fpclassify(v[i]) == FP_SUBNORMAL;
+        count.total += here;
+        if (here > count.worst_count) {
+            count.worst_count = here;
+            count.worst_field = name;
+        }
+    });
+    return count;
+}
+
+}  // namespace kivbf_tools
