@@ -1,4 +1,5 @@
 // Noise spatial covariance and the adaptive MVDR weights built from it.
+#include <cfloat>
 #include <cmath>
 
 #include "Beamformer_core.h"
@@ -65,6 +66,15 @@ void AverageCovariance(BfCoreState &s, float *phi) {
     }
 }
 
+// An element that the snapshots stop feeding (the imaginary parts while both
+// microphones see the same phase) only shrinks under the forgetting; once
+// subnormal it never reaches zero (0.9 times the smallest subnormal rounds
+// back to it) and slows every later block on cores without flush-to-zero.
+void FlushSubnormals(float *matrix) {
+    for (int32_t i = 0; i < kCmat2Floats; ++i)
+        if (std::fabs(matrix[i]) < FLT_MIN) matrix[i] = std::copysign(0.0f, matrix[i]);
+}
+
 }  // namespace
 
 // Phi[k]: average of unit-trace snapshots x x^H / |x|^2, so that it holds the
@@ -82,6 +92,7 @@ void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
                        kCmat2Floats);
         }
         AverageCovariance(s, s.noise_covariance[k]);
+        FlushSubnormals(s.noise_covariance[k]);
     }
     if (s.Noise_estimation != 0) {
         if (s.cov_counter < kRunningMeanUpdates) ++s.cov_counter;
