@@ -1,5 +1,6 @@
 // Lifecycle of a handle: the working buffer's layout, Init/Reset, Free, the
 // handle check and the calling-order tests shared by the exported calls.
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -50,7 +51,8 @@ bool InitRecordIsValid(const AudioBfInit &init, int32_t level) {
                   kMics);
         return false;
     }
-    if (!(init.microphone_distance > 0.0f)) {  // NaN fails too
+    // NaN fails too; an infinite spacing would put infinities into the geometry.
+    if (!(init.microphone_distance > 0.0f) || std::isinf(init.microphone_distance)) {
         DML_PRINT(level, DML_ERR, "[%s] %s[BF] Fail! The microphone_distance must be positibe!!\r\n");
         return false;
     }

@@ -1,5 +1,5 @@
-// Pathological inputs that once reached the state: a direction or look angle
-// that is not a number, and the near-silent decay that left the noise
+// Pathological inputs that once reached the state: a direction, look angle or
+// spacing that is not a finite number, and the near-silent decay that left the noise
 // covariance subnormal (and every later block slow).
 #include <gtest/gtest.h>
 
@@ -53,22 +53,37 @@ TEST(Robustness, NonFiniteDirectionOrAngleKeepsThePreviousOne) {
         for (float angle : {kNaN, kInf}) EXPECT_EQ(RunTone(mode, angle, steady), RunTone(mode, 20.0f, steady));
 }
 
+TEST(Robustness, InfiniteSpacingIsRefused) {
+    WorkingBuffer buffer;
+    AudioBfInit init = DefaultInit();
+    for (float distance : {kInf, -kInf, kNaN}) {
+        init.microphone_distance = distance;
+        EXPECT_EQ(KivBf_Init(buffer.data(), &init), nullptr) << distance;
+    }
+}
+
 TEST(Robustness, NearSilentDecayLeavesNoSubnormalCovariance) {
     WorkingBuffer buffer;
     AudioBfHandle h = MakeConfiguredHandle(buffer);
+    AudioBfConfig config = CurrentConfig(h);
+    config.vad_enable = 1;
+    ASSERT_EQ(KivBf_SetConfig(h, &config), KIVBF_OK);
     ASSERT_EQ(KivBf_SetMode(h, KIVBF_MODE_ADAPTIVE, 0.0f), KIVBF_OK);
     // Speech-like tone, then one 1-LSB tick per block and microphone: just
     // above the silence gate, and imaginary parts of the cross terms only decay.
     int16_t input[256] = {};
     int16_t output[128];
     const float direction = 0.0f;
-    for (int b = 0; b < 2200; ++b) {
+    uint32_t random = 777u;
+    for (int b = 0; b < 2000; ++b) {
         if (b < 200) {
             ToneBlock(b, input);
         } else {
             std::fill(input, input + 256, int16_t{0});
-            input[0] = b % 3 ? 1 : -1;
-            input[1] = b % 5 ? -1 : 1;
+            for (int ch = 0; ch < 2; ++ch) {
+                random = random * 1664525u + 1013904223u;
+                input[ch] = random >> 31 ? 1 : -1;
+            }
         }
         ASSERT_EQ(KivBf_Run(h, input, output, &direction), KIVBF_OK);
     }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "plot_script.h"
 #include "tool_common.h"
 
 namespace {
@@ -368,5 +369,7 @@ int Command_Demo(int argc, char **argv) {
     std::printf("\nfiles written to %s: scene_{target,interferer,mix}.wav (stereo), "
                 "mode0..4_output.wav\n",
                 options.out_dir.c_str());
+    if (RunPlotScript("plot_spectrograms.py", {options.out_dir}))
+        std::printf("picture: %s/spectrograms.png\n", options.out_dir.c_str());
     return failures == 0 ? 0 : 1;
 }

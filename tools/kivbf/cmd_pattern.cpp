@@ -11,7 +11,6 @@
 #include <cmath>
 #include <complex>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -20,6 +19,7 @@
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core.h"
 #include "commands.h"
+#include "plot_script.h"
 #include "tool_common.h"
 
 namespace {
@@ -144,25 +144,10 @@ std::string Describe(const LibrarySettings &s) {
     return text;
 }
 
-std::string Quoted(const std::string &text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
 int Plot(const PatternOptions &o) {
-    const char *python = std::getenv("KIVBF_PYTHON");
-    const char *scripts = std::getenv("KIVBF_PYTHON_DIR");
-    const std::string command =
-        Quoted(python != nullptr ? python : "/usr/bin/python3") + " " +
-        Quoted(std::string(scripts != nullptr ? scripts : KIVBF_PYTHON_DIR) + "/plot_pattern.py") +
-        " " + Quoted(o.out_dir) + " --format " + Quoted(o.format) + " --title " +
-        Quoted(Describe(o.settings));
-    std::fflush(stdout);
-    const int status = std::system(command.c_str());
-    if (status != 0) {
-        std::fprintf(stderr, "kivbf pattern: plotting failed (%s); the CSV tables are written\n",
-                     command.c_str());
+    if (!RunPlotScript("plot_pattern.py",
+                       {o.out_dir, "--format", o.format, "--title", Describe(o.settings)})) {
+        std::fprintf(stderr, "kivbf pattern: the CSV tables are written all the same\n");
         return 1;
     }
     std::printf("picture: %s/pattern.%s\n", o.out_dir.c_str(), o.format.c_str());

@@ -47,7 +47,7 @@ def draw_polar(ax, frequencies, directions, gain_db):
 def draw_map(fig, ax, frequencies, directions, gain_db):
     top = max(0.0, float(gain_db.max()))
     image = ax.pcolormesh(directions, frequencies / 1000.0, gain_db, shading="nearest",
-                          vmin=MAP_FLOOR_DB, vmax=top, cmap="viridis")
+                          vmin=MAP_FLOOR_DB, vmax=top, cmap="viridis", rasterized=True)
     ax.set_xlabel("Direction (degrees, 0 = broadside)")
     ax.set_ylabel("Frequency (kHz)")
     ax.set_xticks(np.arange(-180, 181, 45))

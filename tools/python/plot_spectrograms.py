@@ -80,7 +80,7 @@ def main():
         ax.xaxis.set_tick_params(labelbottom=True)
     fig.colorbar(image, ax=axes, label="Power (dBFS)", shrink=0.8)
     fig.suptitle("kivbf demo: input and output spectrograms")
-    fig.savefig(args.out or os.path.join(args.dir, "spectrograms.png"), dpi=90)
+    fig.savefig(args.out or os.path.join(args.dir, "spectrograms.png"), dpi=72)
 
 
 if __name__ == "__main__":
