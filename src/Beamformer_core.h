@@ -129,6 +129,8 @@ struct BfCoreState {
     BF_ALIGN float calibration_floor[kivbf::kBins];
     float steer_delay[kivbf::kMics];  // 2 pi (position . direction) / c
     BF_ALIGN float target_steering[kivbf::kSpectrumFloats];  // exp(-j f (tau1 - tau0)), modes 3, 4
+    float target_steering_delay[kivbf::kMics];  // steer_delay that target_steering was built from
+    int32_t target_steering_built;              // 1 once target_steering_delay is valid
 
     // --- Noise power and speech presence -------------------------------------------
     BF_ALIGN float noise_psd[kivbf::kMics][kivbf::kBins];

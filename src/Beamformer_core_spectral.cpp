@@ -12,8 +12,9 @@ constexpr size_t kSpectrumBytes = sizeof(float) * kivbf::kSpectrumFloats;
 
 void Bf_Analysis(BfCoreState &s) {
     for (int32_t ch = 0; ch < kivbf::kMics; ++ch) {
-        vec_fill(s.fft_buffer, 0.0f, kivbf::kSpectrumFloats);
         std::memcpy(s.fft_buffer, s.input_window[ch], sizeof s.input_window[ch]);
+        s.fft_buffer[kivbf::kFftSize] = 0.0f;  // the two floats past the frame
+        s.fft_buffer[kivbf::kFftSize + 1] = 0.0f;
         WindowFilter_Apply(s.fft_buffer, WINDOW_ANALYSIS);
         FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_FORWARD, s.fft_buffer, s.fft_work_ip,
                  s.fft_work_w);

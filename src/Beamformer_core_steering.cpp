@@ -1,5 +1,6 @@
 // Microphone-1 equalisation and the block's target steering.
 #include <cmath>
+#include <cstring>
 
 #include "Beamformer_core.h"
 #include "vector_kernels.h"
@@ -45,6 +46,13 @@ void Bf_TargetSteering(BfCoreState &s) {
         s.steer_delay[m] = static_cast<float>(kTwoPi * projection / speed);
     }
     if (!HasPostFilter(s)) return;
+    // The table depends on the delays alone (the bin frequencies are fixed at
+    // Init), so while direction, geometry and temperature hold it is still the
+    // one the last block built. The delays are compared bit for bit: +0 and -0
+    // give tables that differ in the sign of a zero.
+    if (s.target_steering_built == 1 &&
+        std::memcmp(s.target_steering_delay, s.steer_delay, sizeof s.steer_delay) == 0)
+        return;
 
     for (int32_t k = 0; k < kBins; ++k) {
         const float frequency = s.bin_frequency[k];
@@ -53,4 +61,6 @@ void Bf_TargetSteering(BfCoreState &s) {
         s.target_steering[2 * k] = static_cast<float>(std::cos(lag));
         s.target_steering[2 * k + 1] = static_cast<float>(std::sin(lead));
     }
+    std::memcpy(s.target_steering_delay, s.steer_delay, sizeof s.steer_delay);
+    s.target_steering_built = 1;
 }

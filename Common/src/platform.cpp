@@ -1,5 +1,6 @@
 // POSIX implementation of the platform calls. Every definition is weak: an
-// integrator linking the static library supplies its own to replace them.
+// integrator linking the static library supplies its own to replace them, and
+// the shared library exports them so that the program's own take precedence.
 #include "platform.h"
 
 #include <fcntl.h>
@@ -8,7 +9,7 @@
 
 #include <cstdlib>
 
-#define PEL_WEAK __attribute__((weak))
+#define PEL_WEAK __attribute__((weak, visibility("default")))
 
 extern "C" {
 

@@ -1,0 +1,33 @@
+#include "peer_webrtc.h"
+
+#include <vector>
+
+#include "webrtc/modules/audio_processing/include/audio_processing.h"
+
+namespace kivbf_bench {
+
+namespace {
+webrtc::AudioProcessing *Processor(void *p) { return static_cast<webrtc::AudioProcessing *>(p); }
+}  // namespace
+
+PeerBeamformer::PeerBeamformer(int sample_rate, float spacing_m)
+    : processor_(nullptr), sample_rate_(sample_rate),
+      frame_samples_(static_cast<size_t>(sample_rate / 100)) {
+    const std::vector<webrtc::Point> geometry = {webrtc::Point(-spacing_m / 2, 0.0f, 0.0f),
+                                                 webrtc::Point(spacing_m / 2, 0.0f, 0.0f)};
+    webrtc::Config config;
+    config.Set<webrtc::Beamforming>(new webrtc::Beamforming(true, geometry));
+    processor_ = webrtc::AudioProcessing::Create(config);
+}
+
+PeerBeamformer::~PeerBeamformer() { delete Processor(processor_); }
+
+int PeerBeamformer::Process(const float *mic0, const float *mic1, float *out) {
+    const float *const source[2] = {mic0, mic1};
+    float *const destination[1] = {out};
+    return Processor(processor_)->ProcessStream(
+        source, frame_samples_, sample_rate_, webrtc::AudioProcessing::kStereo, sample_rate_,
+        webrtc::AudioProcessing::kMono, destination);
+}
+
+}  // namespace kivbf_bench
