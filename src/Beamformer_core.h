@@ -215,7 +215,7 @@ void Bf_DesignFixedBeam(BfCoreState &s);  // superdirective weights and steering
 
 // --- Per-block stages, in the order KivBf_Run calls them --------------------------------
 void Bf_InputLevel(BfCoreState &s);            // input_rms (Beamformer_core_output.cpp)
-void Bf_Analysis(BfCoreState &s);              // mic_spectrum (Beamformer_core_spectral.cpp)
+void Bf_Analysis(BfCoreState &s);              // mic_spectrum (Beamformer_core_analysis.cpp)
 void Bf_Calibrate(BfCoreState &s);             // (Beamformer_core_steering.cpp)
 void Bf_TargetSteering(BfCoreState &s);        // (Beamformer_core_steering.cpp)
 void Bf_NoiseEstimate(BfCoreState &s);         // (Beamformer_core_noise.cpp)

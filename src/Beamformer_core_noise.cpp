@@ -13,10 +13,10 @@ constexpr float kLambdaFloor = 1e-6f;
 // p = 1 / (1 + (1 + xi) exp(-gamma xi / (1 + xi))), xi = 10^1.5.
 constexpr float kPresenceOffset = 32.622776f;
 constexpr float kPresenceSlope = -0.9693466f;
-constexpr float kPresenceSmoothing = 0.1f;  // weight of the new probability
+constexpr float kPresenceSmoothing = 0.1f;  // weight of this block's probability
 constexpr float kPresenceCap = 0.9f;        // both threshold and the value it caps to
-constexpr float kNoiseSmoothing = 0.2f;     // weight of the new noise estimate
-constexpr float kPriorSmoothing = 0.02f;    // weight of the new a-posteriori SNR
+constexpr float kNoiseSmoothing = 0.2f;     // weight of this block's noise estimate
+constexpr float kPriorSmoothing = 0.02f;    // weight of this block's a-posteriori SNR
 // Floor of the speech-to-noise ratio by adaptive intensity 0..4.
 constexpr float kSpeechRatioFloor[] = {0.01f, 0.01f, 0.005f, 0.005f, 0.001f};
 

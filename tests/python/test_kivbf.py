@@ -157,7 +157,7 @@ class PatternAgainstPlaneWaves(unittest.TestCase):
                 f.setsampwidth(2)
                 f.setframerate(RATE)
                 f.writeframes(noise[:, :channels].tobytes())
-        subprocess.run([sys.executable, os.path.join(SOURCE, "tools", "python", "plot_spectrograms.py"),
+        subprocess.run([sys.executable, os.path.join(SOURCE, "tools", "python", "plot_sonograms.py"),
                         directory], check=True)
         with open(os.path.join(directory, "spectrograms.png"), "rb") as f:
             self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n")

@@ -369,7 +369,7 @@ int Command_Demo(int argc, char **argv) {
     std::printf("\nfiles written to %s: scene_{target,interferer,mix}.wav (stereo), "
                 "mode0..4_output.wav\n",
                 options.out_dir.c_str());
-    if (RunPlotScript("plot_spectrograms.py", {options.out_dir}))
+    if (RunPlotScript("plot_sonograms.py", {options.out_dir}))
         std::printf("picture: %s/spectrograms.png\n", options.out_dir.c_str());
     return failures == 0 ? 0 : 1;
 }
