@@ -13,60 +13,46 @@ namespace {
 const std::string kErr = kBfError + "[SetConfig] Fail! ";
 }  // namespace
 
-TEST(Config, InvalidFieldsAreRefusedInOrderAndUnconfigure) {
-    SetMessageLevel(1);
+TEST(Config, RefusalsComeInCheckOrderAndUnconfigure) {
+    WorkingBuffer buffer;
+    AudioBfHandle h = MakeConfiguredHandle(buffer);
+    BfCoreState &s = *Bf_StateOf(h);
+    s.debug_level = 0;  // null-pointer messages print anyway
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(KivBf_SetConfig(nullptr, nullptr), KIVBF_ERR_HANDLE);
+                  EXPECT_EQ(KivBf_SetConfig(h, nullptr), KIVBF_ERR_NULL_CONFIG);
+              }),
+              kErr + "The handle is NULL!!\r\n" + kErr + "The configuration parameter is NULL!!\r\n");
+    s.debug_level = 1;
     const std::string noise = "The Noise_estimation setting is not allowed, only for 0 or 1!!\r\n";
     const std::string vad = "The vad_enable setting is not allowed, only for 0 or 1!!\r\n";
     const std::string gain = "The output_gain setting is not allowed, it should be set between [0.0,1.0]!!\r\n";
     const std::tuple<uint32_t, uint32_t, float, uint32_t, std::string> cases[] = {
-        {2, 2, 0.0f, KIVBF_ERR_NOISE_ESTIMATION, noise}, {0xFFFFFFFFu, 0, 0.5f, KIVBF_ERR_NOISE_ESTIMATION, noise},
-        {1, 2, 0.0f, KIVBF_ERR_VAD_ENABLE, vad},         {0, 1, 0.0f, KIVBF_ERR_OUTPUT_GAIN, gain},
-        {0, 1, -0.5f, KIVBF_ERR_OUTPUT_GAIN, gain},      {0, 1, 1.0000001f, KIVBF_ERR_OUTPUT_GAIN, gain},
-        {0, 1, NAN, KIVBF_ERR_OUTPUT_GAIN, gain},        {0, 1, 1.0f, KIVBF_OK, ""},
+        {2, 2, 0.0f, KIVBF_ERR_NOISE_ESTIMATION, noise}, {1, 2, 0.0f, KIVBF_ERR_VAD_ENABLE, vad},
+        {0, 1, 0.0f, KIVBF_ERR_OUTPUT_GAIN, gain},       {0, 1, 1.0000001f, KIVBF_ERR_OUTPUT_GAIN, gain},
+        {0, 1, NAN, KIVBF_ERR_OUTPUT_GAIN, gain},
     };
-    WorkingBuffer buffer;
-    AudioBfHandle h = MakeConfiguredHandle(buffer);
     for (const auto &[noise_estimation, vad_enable, output_gain, code, message] : cases) {
         AudioBfConfig config = CurrentConfig(h);
         config.Noise_estimation = noise_estimation;
         config.vad_enable = vad_enable;
         config.output_gain = output_gain;
         config.temperature = 30;
-        EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), code); }), message.empty() ? "" : kErr + message);
-        if (code == KIVBF_OK) break;
+        EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), code); }), kErr + message);
         // The old settings stay, but the handle is unconfigured until a success.
         EXPECT_EQ(CurrentConfig(h).temperature, 20u);
         EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_ERR_PREREQUISITE);
         config = CurrentConfig(h);
         ASSERT_EQ(KivBf_SetConfig(h, &config), KIVBF_OK);
     }
-}
-
-TEST(Config, NullAndStateTestsComeFirst) {
-    WorkingBuffer buffer;
-    AudioBfHandle h = MakeConfiguredHandle(buffer);
-    BfCoreState &s = *Bf_StateOf(h);
     AudioBfConfig config = CurrentConfig(h);
     config.vad_enable = 7;
-    s.debug_level = 0;  // null-pointer messages print anyway
-    EXPECT_EQ(Captured([&] {
-                  EXPECT_EQ(KivBf_SetConfig(nullptr, nullptr), KIVBF_ERR_HANDLE);
-                  EXPECT_EQ(KivBf_SetConfig(h, nullptr), KIVBF_ERR_NULL_CONFIG);
-                  EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_VAD_ENABLE);
-              }),
-              kErr + "The handle is NULL!!\r\n" + kErr + "The configuration parameter is NULL!!\r\n");
-    s.debug_level = 1;
-    s.init_flag = 0;
-    EXPECT_EQ(Captured([&] {
-                  EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_NOT_INITIALISED);
-                  EXPECT_EQ(KivBf_GetConfig(h, &config), KIVBF_ERR_NOT_INITIALISED);
-              }),
-              kErr + "Please call KivBf_Init first!\t\n" + kBfError + "[GetConfig] Fail! Please call KivBf_Init first!\t\n");
+    s.init_flag = 0;  // init comes before the fields
+    EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_NOT_INITIALISED); }),
+              kErr + "Please call KivBf_Init first!\t\n");
     s.init_flag = 1;
-    s.config_flag = 1;
     s.handle_marker[0] = 0;  // the handle check comes before the fields
     EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_HANDLE);
-    EXPECT_EQ(s.config_flag, 0);  // cleared before any test
 }
 
 TEST(Config, ClampsAreWrittenBackAndDerivedValuesFollow) {
@@ -96,8 +82,6 @@ TEST(Config, ClampsAreWrittenBackAndDerivedValuesFollow) {
                                   s.noise_threshold_q15),
                   std::make_tuple(c.db_out, c.loading_out, c.loading_out, c.q15));
         EXPECT_EQ(s.speed_of_sound, static_cast<float>(331.0 + 0.6 * c.temperature)) << c.temperature;
-        EXPECT_EQ(s.loading_base, static_cast<float>(static_cast<float>(c.loading_out) / 10000.0));
-        for (float bin : s.bin_loading) ASSERT_EQ(bin, s.loading_base);
+        for (float bin : s.bin_loading) ASSERT_EQ(bin, static_cast<float>(static_cast<float>(c.loading_out) / 10000.0));
     }
-    EXPECT_FLOAT_EQ(s.loading_base, 0.0099f);
 }

@@ -1,7 +1,6 @@
-// Handle lifecycle: buffer layout, Init/Reset, the handle check, calling order, Free.
+// Handle lifecycle: buffer layout, Init/Reset, the handle check, Free.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -22,7 +21,6 @@ std::vector<int32_t> Flags(const BfCoreState &s) {
 TEST(Lifecycle, InitLaysOutThreeRegionsAndWritesFlags) {
     SetMessageLevel(3);
     EXPECT_EQ(KivBf_GetBufferSize(), sizeof(BfCoreState) + KivVad_GetBufferSize() + FFT_GetBufferSize(256));
-
     WorkingBuffer buffer;
     AudioBfInit init = DefaultInit(16000, 5.0f);
     AudioBfHandle h = nullptr;
@@ -37,27 +35,18 @@ TEST(Lifecycle, InitLaysOutThreeRegionsAndWritesFlags) {
     EXPECT_EQ(Flags(s), std::vector<int32_t>({1, 2, 2, 2, 2}));
     EXPECT_EQ(std::make_tuple(s.microphone_distance, s.debug_level, s.bin_frequency[1], s.bin_frequency[128]),
               std::make_tuple(0.05f, 3, 62.5f, 8000.0f));
-
-    SetMessageLevel(1);  // no warning bit: the VAD notice goes
-    init = DefaultInit(8000);
-    EXPECT_EQ(Captured([&] { EXPECT_NE(KivBf_Init(buffer.data(), &init), nullptr); }), "");
 }
 
-TEST(Lifecycle, InitRefusesBadRecordsInCheckOrder) {
+TEST(Lifecycle, InitAndResetRefuseBadArgumentsInCheckOrder) {
     SetMessageLevel(1);
     const std::string point = kBfError + "Fail! This library only support 128 point number!!\r\n";
     const std::string mics = kBfError + "Fail! This library only support 2 Microphones!!\r\n";
     const std::string distance = kBfError + "Fail! The microphone_distance must be positibe!!\r\n";
     const std::string rate = kBfError + "Fail! Only support 8/16/32/48 KHz sample rate.\t\n";
     const std::pair<AudioBfInit, std::string> cases[] = {
-        {{127, 16000, 5.0f, 2}, point},    {{129, 16000, 5.0f, 2}, point},
-        {{256, 44100, -1.0f, 3}, point},   {{128, 16000, 5.0f, 1}, mics},
-        {{128, 44100, 0.0f, 3}, mics},     {{128, 16000, 0.0f, 2}, distance},
-        {{128, 16000, -0.5f, 2}, distance}, {{128, 44100, NAN, 2}, distance},
-        {{128, 0, 5.0f, 2}, rate},         {{128, 7999, 5.0f, 2}, rate},
-        {{128, 8001, 5.0f, 2}, rate},      {{128, 44100, 5.0f, 2}, rate},
-        {{128, 8000, 5.0f, 2}, ""},        {{128, 16000, 5.0f, 2}, ""},
-        {{128, 32000, 5.0f, 2}, ""},       {{128, 48000, 5.0f, 2}, ""},
+        {{127, 16000, 5.0f, 2}, point},     {{256, 44100, -1.0f, 3}, point}, {{128, 44100, 0.0f, 3}, mics},
+        {{128, 16000, -0.5f, 2}, distance}, {{128, 44100, NAN, 2}, distance}, {{128, 7999, 5.0f, 2}, rate},
+        {{128, 44100, 5.0f, 2}, rate},      {{128, 8000, 5.0f, 2}, ""},      {{128, 48000, 5.0f, 2}, ""},
     };
     WorkingBuffer buffer;
     for (const auto &[init, message] : cases) {
@@ -65,10 +54,7 @@ TEST(Lifecycle, InitRefusesBadRecordsInCheckOrder) {
         EXPECT_EQ(Captured([&] { h = KivBf_Init(buffer.data(), &init); }), message) << init.sample_rate;
         EXPECT_EQ(h != nullptr, message.empty()) << init.sample_rate;
     }
-}
-
-TEST(Lifecycle, NullAndMisalignedBuffersAreRefusedUntouched) {
-    SetMessageLevel(1);
+    // Null and misaligned buffers are refused untouched.
     AudioBfInit init = DefaultInit();
     std::vector<unsigned char> raw(KivBf_GetBufferSize() + 32, 0xA5);
     unsigned char *aligned = raw.data() + (16 - reinterpret_cast<uintptr_t>(raw.data()) % 16);
@@ -78,19 +64,17 @@ TEST(Lifecycle, NullAndMisalignedBuffersAreRefusedUntouched) {
                   EXPECT_EQ(KivBf_Reset(aligned, nullptr), nullptr);
               }),
               kBfError + "[Init]" + null + kBfError + "[Reset]" + null);
-    for (size_t offset : {1, 4, 8}) {
-        const std::string out = Captured([&] {
-            EXPECT_EQ(KivBf_Init(aligned + offset, &init), nullptr);
-            EXPECT_EQ(KivBf_Reset(aligned + offset, &init), nullptr);
-        });
-        EXPECT_EQ(out.rfind(kBfError + "[Init] Fail!", 0), 0u) << out;
-        EXPECT_NE(out.find(kBfError + "[Reset] Fail!"), std::string::npos);
-    }
+    const std::string out = Captured([&] {  // 8-byte aligned is not enough
+        EXPECT_EQ(KivBf_Init(aligned + 8, &init), nullptr);
+        EXPECT_EQ(KivBf_Reset(aligned + 8, &init), nullptr);
+    });
+    EXPECT_EQ(out.rfind(kBfError + "[Init] Fail!", 0), 0u) << out;
+    EXPECT_NE(out.find(kBfError + "[Reset] Fail!"), std::string::npos);
     for (unsigned char byte : raw) ASSERT_EQ(byte, 0xA5);
 }
 
-TEST(Lifecycle, ResetEqualsFreshInitByteForByte) {
-    SetMessageLevel(1);
+TEST(Lifecycle, ResetEqualsFreshInitByteForByteAndFreeUnsetsEveryFlag) {
+    SetMessageLevel(7);
     WorkingBuffer buffer;
     AudioBfInit init = DefaultInit(48000, 7.0f);
     ASSERT_NE(KivBf_Init(buffer.data(), &init), nullptr);
@@ -100,15 +84,23 @@ TEST(Lifecycle, ResetEqualsFreshInitByteForByte) {
     AudioBfHandle h = MakeConfiguredHandle(buffer, 1, 16000, 3.0f);
     BfCoreState &s = *Bf_StateOf(h);
     s.run_flag = 1;  // as after a block
-    s.calibration_flag = 1;
     std::memset(s.ola_buffer, 0x7F, sizeof s.ola_buffer);
-    EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_ERR_SHAPE_AFTER_RUN);
-
     ASSERT_EQ(KivBf_Reset(h, &init), h);
     EXPECT_EQ(std::memcmp(bytes, fresh.data(), fresh.size()), 0);
     AudioBfConfig config = CurrentConfig(h);
     ASSERT_EQ(KivBf_SetConfig(h, &config), KIVBF_OK);
     EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_OK);  // settable again
+
+    EXPECT_EQ(KivBf_Free(h), KIVBF_OK);
+    EXPECT_EQ(Flags(s), std::vector<int32_t>(5, 2));
+    EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_ERR_NOT_INITIALISED);
+    uint16_t major = 0, minor = 0;
+    EXPECT_EQ(Captured([&] {
+                  EXPECT_EQ(KivBf_Free(nullptr), KIVBF_ERR_HANDLE);
+                  EXPECT_EQ(KivBf_GetAPIVersion(&major, &minor), KIVBF_OK);
+              }),
+              "[ALGO_MSG_ERR]  [BF] [Free] Fail!. The handle is NULL\t\n[ALGO_MSG_MSG] BF_API_VERSION: 1.5\n");
+    EXPECT_EQ(major * 10 + minor, 15);
 }
 
 TEST(Lifecycle, HandleCheckOrderAndGating) {
@@ -130,35 +122,4 @@ TEST(Lifecycle, HandleCheckOrderAndGating) {
                   kBfError + "[GetConfig] Fail! This library only support 128 point number!!\r\n");
     s.debug_level = 0;  // codes stay, messages go
     EXPECT_EQ(Captured([&] { EXPECT_EQ(Bf_HandleCheck(s, s.debug_level, "Run"), KIVBF_ERR_POINT_NUMBER); }), "");
-}
-
-TEST(Lifecycle, FreeMarksTheHandleFreed) {
-    SetMessageLevel(1);
-    EXPECT_EQ(Captured([] { EXPECT_EQ(KivBf_Free(nullptr), KIVBF_ERR_HANDLE); }),
-              "[ALGO_MSG_ERR]  [BF] [Free] Fail!. The handle is NULL\t\n");
-    WorkingBuffer buffer;
-    AudioBfHandle h = MakeConfiguredHandle(buffer);
-    EXPECT_EQ(KivBf_Free(h), KIVBF_OK);
-    EXPECT_EQ(Flags(*Bf_StateOf(h)), std::vector<int32_t>(5, 2));
-    EXPECT_EQ(Bf_StateOf(h)->fft_record.ne10_init_flag, 0);
-    EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_ERR_NOT_INITIALISED);
-}
-
-TEST(Lifecycle, VersionAndVolTable) {
-    uint16_t major = 0, minor = 0;
-    for (int level : {3, 7}) {  // printed only with the info bit
-        SetMessageLevel(level);
-        EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_GetAPIVersion(&major, &minor), KIVBF_OK); }),
-                  level == 7 ? "[ALGO_MSG_MSG] BF_API_VERSION: 1.5\n" : "");
-    }
-    EXPECT_EQ(major * 10 + minor, 15);
-
-    EXPECT_EQ(Bf_VolTableLookup(5), 32767);
-    EXPECT_EQ(Bf_VolTableLookup(INT32_MIN), 1);
-    // Down to -75 dB the rows are 32767 * 10^(dB/20) cut toward zero; the last
-    // five are the table's own.
-    for (int32_t db = 0; db >= -80; --db)
-        EXPECT_EQ(Bf_VolTableLookup(db), db >= -75 ? static_cast<int32_t>(32767.0 * std::pow(10.0, db / 20.0))
-                                                   : std::max(1, db + 80))
-            << db;
 }

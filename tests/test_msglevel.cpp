@@ -11,10 +11,9 @@ TEST(MessageLevel, AcceptedValuesElseTheDefault) {
     std::string binary(4096, '\0');
     for (size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>((i * 131u) ^ 0x5A);
     const std::pair<std::string, int32_t> cases[] = {
-        {"{\"debug_level\": 1}", 1},   {"{\"debug_level\": 3}", 3},      {"{\"debug_level\": 15}", 15},
-        {"{\"debug_level\": 5}", 7},   {"{\"debug_level\": 0}", 7},      {"{\"debug_level\": 31}", 7},
-        {"{\"debug_level\": \"1\"}", 7}, {"{\"other\": 1}", 7},           {"[1, 3]", 7},
-        {"{\"debug_level\": 1", 7},    {"", 7},                          {binary, 7},
+        {"{\"debug_level\": 1}", 1},     {"{\"debug_level\": 15}", 15}, {"{\"debug_level\": 5}", 7},
+        {"{\"debug_level\": 0}", 7},     {"{\"debug_level\": 31}", 7},  {"{\"debug_level\": \"1\"}", 7},
+        {"{\"debug_level\": 1", 7},      {"", 7},         {binary, 7},  {"{\"other\": 1}", 7},
         {"\n{ \"x\": [], \"debug_level\" : 3 }\n", 3},
         // Far larger than any level file: not read at all.
         {"{\"debug_level\": 1}" + std::string(5 * 1024 * 1024, ' '), 7},
@@ -23,10 +22,9 @@ TEST(MessageLevel, AcceptedValuesElseTheDefault) {
         SetLevelFile(json);
         EXPECT_EQ(DebugMsgLevel_Read(), level) << json.substr(0, 40);
     }
-    for (const std::string &path : {testing::TempDir() + "no_such_file.json", testing::TempDir(),
-                                    std::string(), std::string(4000, 'a')}) {
+    for (const std::string &path : {testing::TempDir() + "no_such_file.json", testing::TempDir(), std::string()}) {
         setenv("DML_PATH", path.c_str(), 1);
-        EXPECT_EQ(DebugMsgLevel_Read(), 7) << path.size();
+        EXPECT_EQ(DebugMsgLevel_Read(), 7) << path;
     }
 }
 

@@ -1,6 +1,5 @@
-// Input level and output stage: level of the analysis window, conversion of
-// the overlap-added frame to 16-bit PCM (wrapping or saturating), and the
-// shift of the overlap-add accumulator.
+// Output stage: conversion of the overlap-added frame to 16-bit PCM (wrapping
+// or saturating) and the shift of the overlap-add accumulator.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,16 +8,6 @@
 #include "Beamformer_core_output.h"
 
 using kivbf::Bf_PcmSample;
-
-TEST(InputLevel, SilenceAndFullScaleSquare) {
-    auto s = std::make_unique<BfCoreState>();
-    Bf_InputLevel(*s);
-    EXPECT_EQ(s->input_rms, 0.0f);
-    for (int i = 0; i < 256; ++i) s->input_window[0][i] = (i % 2 ? -32767 : 32767) / 32768.0f;
-    for (float &v : s->input_window[1]) v = 0.9f;  // microphone 1 plays no part
-    Bf_InputLevel(*s);
-    EXPECT_FLOAT_EQ(s->input_rms, 32767.0f / 32768.0f);
-}
 
 TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
     // value, gain, wrapped, saturated

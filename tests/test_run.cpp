@@ -1,5 +1,5 @@
 // KivBf_Run: argument and calling-order checks, the silent path, the
-// clipping hold, the direction mapping and the noise-block gate.
+// clipping hold and the direction mapping.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -18,10 +18,8 @@ namespace {
 // 128 interleaved pairs of a sine on both channels (channel 1 at half level).
 std::vector<int16_t> SineBlock(double amplitude, int block_index = 0) {
     std::vector<int16_t> block(256);
-    for (int i = 0; i < 128; ++i) {
-        block[2 * i] = static_cast<int16_t>(amplitude * std::sin(0.2 * (128 * block_index + i)));
-        block[2 * i + 1] = static_cast<int16_t>(amplitude * std::sin(0.2 * (128 * block_index + i)) / 2);
-    }
+    for (int i = 0; i < 256; ++i)
+        block[i] = static_cast<int16_t>(amplitude * std::sin(0.2 * (128 * block_index + i / 2)) / (1 + i % 2));
     return block;
 }
 
@@ -74,18 +72,8 @@ TEST_F(RunFixture, SilentBlockAnswersZerosWithoutRunningTheCore) {
     for (int16_t v : out) ASSERT_EQ(v, 0);
     for (float g : State().pf_gain) ASSERT_EQ(g, 1.0f);
     EXPECT_EQ(std::make_pair(State().vad_decision, State().run_flag), std::make_pair(12345, 0));
-
-    const std::vector<int16_t> first = SineBlock(3000, 0), second = SineBlock(3000, 1);
-    ASSERT_EQ(Run(first), KIVBF_OK);
-    EXPECT_NE(State().vad_decision, 12345);
-    EXPECT_EQ(State().run_flag, 1);
-    // The analysis window holds the previous and the current block per channel.
-    ASSERT_EQ(Run(second), KIVBF_OK);
-    for (int ch = 0; ch < 2; ++ch)
-        for (int i = 0; i < 128; ++i) {
-            ASSERT_EQ(State().input_window[ch][i], first[2 * i + ch] / 32768.0f);
-            ASSERT_EQ(State().input_window[ch][128 + i], second[2 * i + ch] / 32768.0f);
-        }
+    ASSERT_EQ(Run(SineBlock(3000)), KIVBF_OK);
+    EXPECT_EQ(std::make_pair(State().vad_decision != 12345, State().run_flag), std::make_pair(true, 1));
 }
 
 // The canceller must not adapt on a clipped block; only mode 2 clears the hold.
@@ -112,19 +100,5 @@ TEST_F(RunFixture, DirectionIsMirroredOnlyOnALinearArray) {
         direction = -30.0f;
         ASSERT_EQ(Run(SineBlock(1000, 1)), KIVBF_OK);
         EXPECT_EQ(State().target_angle, 60.0f);
-    }
-}
-
-// With the VAD off, the noise statistics learn only from blocks under the
-// level threshold (-20 dBFS by default), and only in the adaptive modes.
-TEST_F(RunFixture, NoiseCovarianceLearnsOnlyFromQuietBlocksInAdaptiveModes) {
-    const std::tuple<uint32_t, double, bool> cases[] = {{0, 1000, true}, {0, 20000, false}, {1, 1000, false}};
-    for (const auto &[mode, amplitude, learns] : cases) {
-        ASSERT_EQ(KivBf_SetMode(MakeConfiguredHandle(buffer), mode, 0.0f), KIVBF_OK);
-        float before[sizeof State().noise_covariance / sizeof(float)];
-        std::memcpy(before, State().noise_covariance, sizeof before);
-        for (int b = 0; b < 3; ++b) ASSERT_EQ(Run(SineBlock(amplitude, b)), KIVBF_OK);
-        EXPECT_EQ(std::memcmp(before, State().noise_covariance, sizeof before) != 0, learns)
-            << "mode " << mode << " amplitude " << amplitude;
     }
 }
