@@ -9,11 +9,8 @@
 
 using namespace kivbf_test;
 
-namespace {
-const std::string kErr = kBfError + "[SetConfig] Fail! ";
-}  // namespace
-
 TEST(Config, RefusalsComeInCheckOrderAndUnconfigure) {
+    const std::string fail = kBfError + "[SetConfig] Fail! ";
     WorkingBuffer buffer;
     AudioBfHandle h = MakeConfiguredHandle(buffer);
     BfCoreState &s = *Bf_StateOf(h);
@@ -22,7 +19,7 @@ TEST(Config, RefusalsComeInCheckOrderAndUnconfigure) {
                   EXPECT_EQ(KivBf_SetConfig(nullptr, nullptr), KIVBF_ERR_HANDLE);
                   EXPECT_EQ(KivBf_SetConfig(h, nullptr), KIVBF_ERR_NULL_CONFIG);
               }),
-              kErr + "The handle is NULL!!\r\n" + kErr + "The configuration parameter is NULL!!\r\n");
+              fail + "The handle is NULL!!\r\n" + fail + "The configuration parameter is NULL!!\r\n");
     s.debug_level = 1;
     const std::string noise = "The Noise_estimation setting is not allowed, only for 0 or 1!!\r\n";
     const std::string vad = "The vad_enable setting is not allowed, only for 0 or 1!!\r\n";
@@ -38,7 +35,7 @@ TEST(Config, RefusalsComeInCheckOrderAndUnconfigure) {
         config.vad_enable = vad_enable;
         config.output_gain = output_gain;
         config.temperature = 30;
-        EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), code); }), kErr + message);
+        EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), code); }), fail + message);
         // The old settings stay, but the handle is unconfigured until a success.
         EXPECT_EQ(CurrentConfig(h).temperature, 20u);
         EXPECT_EQ(KivBf_SetShape(h, 0), KIVBF_ERR_PREREQUISITE);
@@ -49,7 +46,7 @@ TEST(Config, RefusalsComeInCheckOrderAndUnconfigure) {
     config.vad_enable = 7;
     s.init_flag = 0;  // init comes before the fields
     EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_NOT_INITIALISED); }),
-              kErr + "Please call KivBf_Init first!\t\n");
+              fail + "Please call KivBf_Init first!\t\n");
     s.init_flag = 1;
     s.handle_marker[0] = 0;  // the handle check comes before the fields
     EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_ERR_HANDLE);
@@ -64,24 +61,21 @@ TEST(Config, ClampsAreWrittenBackAndDerivedValuesFollow) {
                               fresh.output_gain, fresh.vad_enable, fresh.diagonal_loading),
               std::make_tuple(0u, -20, 0u, 0.7f, 0u, 10));
     const BfCoreState &s = *Bf_StateOf(h);
-    struct Case {
-        int32_t db_in, db_out, q15, loading_in, loading_out;
-        uint32_t temperature;
-    };
+    // noise_threshold_db in and out, its Q15 level, diagonal_loading in and out, temperature
     // A negative temperature written into the unsigned field reads as huge.
-    const Case cases[] = {{-100, -80, 1, 0, 1, 0},     {5, 0, 32767, -5, 1, 20},      {-76, -76, 4, 150, 100, 35},
-                          {-20, -20, 3276, 50, 50, 1}, {INT32_MIN, -80, 1, INT32_MAX, 100, 100},
-                          {-1, -1, 29203, 99, 99, 0xFFFFFFFFu}};
-    for (const Case &c : cases) {
+    const std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t, uint32_t> cases[] = {
+        {-100, -80, 1, 0, 1, 0},     {5, 0, 32767, -5, 1, 20},                 {-76, -76, 4, 150, 100, 35},
+        {-20, -20, 3276, 50, 50, 1}, {INT32_MIN, -80, 1, INT32_MAX, 100, 100}, {-1, -1, 29203, 99, 99, 0xFFFFFFFFu}};
+    for (const auto &[db_in, db_out, q15, loading_in, loading_out, temperature] : cases) {
         AudioBfConfig config = CurrentConfig(h);
-        config.noise_threshold_db = c.db_in;
-        config.diagonal_loading = c.loading_in;
-        config.temperature = c.temperature;
+        config.noise_threshold_db = db_in;
+        config.diagonal_loading = loading_in;
+        config.temperature = temperature;
         ASSERT_EQ(KivBf_SetConfig(h, &config), KIVBF_OK);
         EXPECT_EQ(std::make_tuple(config.noise_threshold_db, config.diagonal_loading, CurrentConfig(h).diagonal_loading,
                                   s.noise_threshold_q15),
-                  std::make_tuple(c.db_out, c.loading_out, c.loading_out, c.q15));
-        EXPECT_EQ(s.speed_of_sound, static_cast<float>(331.0 + 0.6 * c.temperature)) << c.temperature;
-        for (float bin : s.bin_loading) ASSERT_EQ(bin, static_cast<float>(static_cast<float>(c.loading_out) / 10000.0));
+                  std::make_tuple(db_out, loading_out, loading_out, q15));
+        EXPECT_EQ(s.speed_of_sound, static_cast<float>(331.0 + 0.6 * temperature)) << temperature;
+        for (float bin : s.bin_loading) ASSERT_EQ(bin, static_cast<float>(static_cast<float>(loading_out) / 10000.0));
     }
 }

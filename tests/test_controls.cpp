@@ -43,10 +43,9 @@ void ExpectRefusals(AudioBfHandle handle, const std::vector<Refusal> &refusals) 
     }
 }
 
-int32_t *Edited(int32_t *copy, const int32_t *source, int32_t count, int32_t index,
-                   int32_t value) {
-    std::copy(source, source + count, copy);
-    copy[index] = value;
+int32_t *With(int32_t *copy, const int32_t *from, int32_t n, int32_t i, int32_t value) {
+    std::copy(from, from + n, copy);
+    copy[i] = value;
     return copy;
 }
 
@@ -78,22 +77,23 @@ TEST_F(Controls, RefusalsReturnTheirCodeAndPrintTheirMessage) {
          KIVBF_ERR_NULL_POINTER, "[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n"},
         {[](auto h) { return KivBf_DynamicLoading(h, kBands, nullptr, 0); },
          KIVBF_ERR_NULL_POINTER, "[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n"},
-        {[&](auto h) { return KivBf_DynamicLoading(h, Edited(b, kBands, 6, 1, 10), kFactors, 0); },
+        {[&](auto h) { return KivBf_DynamicLoading(h, With(b, kBands, 6, 1, 10), kFactors, 0); },
          KIVBF_ERR_DYNAMIC_LOADING, dl + "Band value number must be Ascending\r\n"},
-        {[&](auto h) { return KivBf_DynamicLoading(h, Edited(b, kBands, 6, 0, 0), kFactors, 0); },
+        {[&](auto h) { return KivBf_DynamicLoading(h, With(b, kBands, 6, 0, 0), kFactors, 0); },
          KIVBF_ERR_DYNAMIC_LOADING, range},
-        {[&](auto h) { return KivBf_DynamicLoading(h, Edited(b, kBands, 6, 5, 129), kFactors, 0); },
+        {[&](auto h) { return KivBf_DynamicLoading(h, With(b, kBands, 6, 5, 129), kFactors, 0); },
          KIVBF_ERR_DYNAMIC_LOADING, range},
-        {[&](auto h) { return KivBf_DynamicLoading(h, kBands, Edited(f, kFactors, 7, 3, 0), 0); },
+        {[&](auto h) { return KivBf_DynamicLoading(h, kBands, With(f, kFactors, 7, 3, 0), 0); },
          KIVBF_ERR_DYNAMIC_LOADING, factor},
-        {[&](auto h) { return KivBf_DynamicLoading(h, kBands, Edited(f, kFactors, 7, 6, 1001), 0); },
+        {[&](auto h) { return KivBf_DynamicLoading(h, kBands, With(f, kFactors, 7, 6, 1001), 0); },
          KIVBF_ERR_DYNAMIC_LOADING, factor},
         {[](auto h) { return KivBf_SetCalibration(h, 2); }, KIVBF_ERR_CALIBRATION,
          "[BF] [SetCalibration] Fail! The calibration_flag can only be set as one of [0,1]!\t\n"},
         {[](auto h) { return KivBf_SetMode(h, 5, 0.0f); }, KIVBF_ERR_MODE,
          "[BF] [SetMode] Fail! The mode can only be set as one of [0,1,2,3,4]!\t\n"},
         {[](auto h) { return KivBf_SetMode(h, 3, 0.0f) | KivBf_SetPfFlow(h, 3); },
-         KIVBF_ERR_PF_FLOW, "[BF] [SetPfFlow] Fail! The flow can only be set as one of [0,1,2]!\t\n"},
+         KIVBF_ERR_PF_FLOW,
+         "[BF] [SetPfFlow] Fail! The flow can only be set as one of [0,1,2]!\t\n"},
         {[](auto h) { return KivBf_SetAdaptiveIntensity(h, 5); }, KIVBF_ERR_ADAPTIVE_INTENSITY,
          " [BF] [SetAdaptiveIntensity] Fail! The mode can only be set as one of [0,1,2,3,4]\t\n"},
     });
@@ -104,9 +104,9 @@ TEST_F(Controls, RefusalsReturnTheirCodeAndPrintTheirMessage) {
                               "[BF][SetMode] Fail! The handle pointer seems to be dirty!!\r\n"}});
     state().handle_marker[0] = marker;
     state().config_flag = 0;  // a SetConfig that failed half way
-    ExpectRefusals(handle_, {{[](auto h) { return KivBf_SetCalibration(h, 1); },
-                              KIVBF_ERR_PREREQUISITE,
-                              "[BF] [SetCalibration] Fail! Please call KivBf_SetConfig first!\t\n"}});
+    ExpectRefusals(handle_, {
+        {[](auto h) { return KivBf_SetCalibration(h, 1); }, KIVBF_ERR_PREREQUISITE,
+         "[BF] [SetCalibration] Fail! Please call KivBf_SetConfig first!\t\n"}});
     EXPECT_EQ(KivBf_Free(handle_), KIVBF_OK);
     ExpectRefusals(handle_, {{[](auto h) { return KivBf_SetMode(h, 1, 0.0f); },
                               KIVBF_ERR_NOT_INITIALISED,

@@ -7,8 +7,6 @@
 #include "Beamformer_core.h"
 #include "Beamformer_core_output.h"
 
-using kivbf::Bf_PcmSample;
-
 TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
     // value, gain, wrapped, saturated
     const std::tuple<float, float, int16_t, int16_t> cases[] = {
@@ -16,8 +14,8 @@ TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
         {-40000.0f, 0.7f, 25536, -32768}, {1000.0f, 0.35f, 500, 500},     {1e12f, 0.7f, -1, 32767},
     };
     for (const auto &[value, gain, wrapped, saturated] : cases) {
-        EXPECT_EQ(Bf_PcmSample<false>(value, gain), wrapped) << value;
-        EXPECT_EQ(Bf_PcmSample<true>(value, gain), saturated) << value;
+        EXPECT_EQ(kivbf::Bf_PcmSample<false>(value, gain), wrapped) << value;
+        EXPECT_EQ(kivbf::Bf_PcmSample<true>(value, gain), saturated) << value;
     }
     auto s = std::make_unique<BfCoreState>();
     s->output_gain = 0.7f;
@@ -29,7 +27,7 @@ TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
     int16_t out[128];
     Bf_OutputStage(*s, out);
     for (int i = 0; i < 128; ++i) {
-        ASSERT_EQ(out[i], Bf_PcmSample<kivbf::kSaturateOutput>(0.25f * i + s->synth_frame[i], 0.7f));
+        ASSERT_EQ(out[i], kivbf::Bf_PcmSample<kivbf::kSaturateOutput>(0.25f * i + s->synth_frame[i], 0.7f));
         ASSERT_EQ(s->ola_buffer[i], s->synth_frame[128 + i]);
         ASSERT_EQ(s->ola_buffer[128 + i], 0.0f);
     }

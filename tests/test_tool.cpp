@@ -64,9 +64,9 @@ TEST_F(ToolFixture, OutputsAreAsLongAsInputs) {
 
 TEST_F(ToolFixture, BadOptionsAndRefusedSettingsFail) {
     for (const char *arguments : {"--no-such-option - - < /dev/null", "--mode 9 - - < /dev/null",
-                                  "--dynamic-loading 1,2,3 - - < /dev/null", "/nonexistent.wav -"})
-        EXPECT_NE(Tool(std::string(arguments) + " 2>/dev/null"), 0) << arguments;
-    EXPECT_NE(Tool("--output-gain 2 - - < /dev/null 2> stderr.txt"), 0);
+                                  "--dynamic-loading 1,2,3 - - < /dev/null", "/nonexistent.wav -",
+                                  "--output-gain 2 - - < /dev/null"})  // its report names the status
+        EXPECT_NE(Tool(std::string(arguments) + " 2> stderr.txt"), 0) << arguments;
     const std::vector<char> text = Read("stderr.txt");
     EXPECT_NE(std::string(text.begin(), text.end()).find("KIVBF_ERR_OUTPUT_GAIN"), std::string::npos);
 }
