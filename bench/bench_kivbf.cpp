@@ -8,11 +8,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "AudioBfProcess_internal.h"
 #include "AudioVadProcess.h"
@@ -184,17 +184,25 @@ void BM_Peer(benchmark::State &state, int stream) {
 
 // --- Summary --------------------------------------------------------------------------
 
-// Keeps every repetition's CPU time per benchmark so that the summary can
-// take medians whatever the repetition count.
+// Keeps each benchmark's median CPU time: the "median" aggregate when
+// repetitions produce one, else the median of the runs it saw.
 class CollectingReporter : public benchmark::ConsoleReporter {
 public:
+    explicit CollectingReporter(OutputOptions options) : ConsoleReporter(options) {}
     void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &run : runs)
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-                times_[run.run_name.str()].push_back(run.GetAdjustedCPUTime());
+        for (const Run &run : runs) {
+            if (run.error_occurred) continue;
+            const std::string name = run.run_name.str();
+            if (run.run_type == Run::RT_Iteration)
+                times_[name].push_back(run.GetAdjustedCPUTime());
+            else if (run.aggregate_name == "median")
+                medians_[name] = run.GetAdjustedCPUTime();
+        }
         ConsoleReporter::ReportRuns(runs);
     }
     double Median(const std::string &name) const {
+        const auto median = medians_.find(name);
+        if (median != medians_.end()) return median->second;
         const auto it = times_.find(name);
         if (it == times_.end() || it->second.empty()) return 0.0;
         std::vector<double> t = it->second;
@@ -202,10 +210,18 @@ public:
         const size_t m = t.size() / 2;
         return t.size() % 2 ? t[m] : 0.5 * (t[m - 1] + t[m]);
     }
-    const std::map<std::string, std::vector<double>> &times() const { return times_; }
+    std::vector<std::string> names() const {
+        std::vector<std::string> all;
+        for (const auto &entry : times_) all.push_back(entry.first);
+        for (const auto &entry : medians_)
+            if (times_.count(entry.first) == 0) all.push_back(entry.first);
+        std::sort(all.begin(), all.end());
+        return all;
+    }
 
 private:
     std::map<std::string, std::vector<double>> times_;
+    std::map<std::string, double> medians_;
 };
 
 void PrintSummary(const CollectingReporter &reporter) {
@@ -214,7 +230,7 @@ void PrintSummary(const CollectingReporter &reporter) {
     std::printf("\nSummary: median CPU time; floor = fft_floor = %.0f ns\n", floor);
     std::printf("%-34s %12s %10s %14s %12s\n", "benchmark", "ns", "x floor", "us per s audio",
                 "peer / ours");
-    for (const auto &[name, times] : reporter.times()) {
+    for (const std::string &name : reporter.names()) {
         const double t = reporter.Median(name);
         const bool block = name.rfind("run/", 0) == 0;
         std::printf("%-34s %12.0f %10.2f", name.c_str(), t, floor > 0 ? t / floor : 0.0);
@@ -279,7 +295,8 @@ int main(int argc, char **argv) {
     RegisterAll();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    CollectingReporter reporter;
+    CollectingReporter reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
+                                                      : benchmark::ConsoleReporter::OO_Tabular);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     PrintSummary(reporter);
     benchmark::Shutdown();

@@ -80,9 +80,10 @@ void FlushSubnormals(float *matrix) {
 // Phi[k]: average of unit-trace snapshots x x^H / |x|^2, so that it holds the
 // spatial structure of the noise and not its level.
 void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
+    // Each bin rewrites column 0 and row 0 only; the rest stays zero.
+    ClearMatrix(s.cov_snapshot);
+    ClearMatrix(s.cov_conjugate);
     for (int32_t k = 0; k < kBins; ++k) {
-        ClearMatrix(s.cov_snapshot);
-        ClearMatrix(s.cov_conjugate);
         PutSnapshot(s, k);
         cmat2_product(s.cov_snapshot, s.cov_conjugate, s.cov_product);
         cmat2_trace(s.cov_product, s.cov_trace);
@@ -104,9 +105,9 @@ void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
 // w^H = d^H M^-1 / (d^H M^-1 d) with M = Phi + loading, stored so that the
 // beam sum W0 X0 + W1 X1 needs no conjugation.
 void Bf_AdaptiveWeights(BfCoreState &s) {
+    ClearMatrix(s.mvdr_column);  // as in the covariance update: column 0 and row 0 change
+    ClearMatrix(s.mvdr_row);
     for (int32_t k = 0; k < kBins; ++k) {
-        ClearMatrix(s.mvdr_column);
-        ClearMatrix(s.mvdr_row);
         for (int32_t m = 0; m < kMics; ++m) {
             const double phase = s.bin_frequency[k] * s.steer_delay[m];
             PutVector(s.mvdr_column, s.mvdr_row, m, static_cast<float>(std::cos(phase)),
