@@ -48,7 +48,7 @@ if [[ ${KIVBF_CALLGRIND_STAGES:-0} == 1 ]]; then
         echo "mode $mode, level gate, noise blocks: inclusive Ir per block"
         collected run $mode level noise $blocks > /dev/null
         callgrind_annotate --inclusive=yes --threshold=100 "$work/out" 2> /dev/null |
-            awk -v n=$blocks 'match($0, /:(Bf_[A-Za-z]+|KivVad_Run|FFT_Rdft|KivBf_Run)\(/) {
+            awk -v n=$blocks 'match($0, /:(Bf_[A-Za-z]+|KivVad_Run|FFT_Rdft|KivBf_Run)[( ]/) {
                 name = substr($0, RSTART + 1, RLENGTH - 2); count = $1; gsub(",", "", count);
                 if (!(name in seen)) { seen[name] = 1; printf "  %-28s %10d\n", name, count / n } }'
     done

@@ -5,6 +5,7 @@
 //   count_kivbf fft BLOCKS                    two forward + one inverse FFT per block
 //   count_kivbf setmode MODE CALLS
 //   count_kivbf init CALLS
+//   count_kivbf peer FRAMES                   the WebRTC beamformer, 10 ms frames
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
@@ -15,6 +16,7 @@
 
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core.h"
+#include "peer_webrtc.h"
 #include "scene.h"
 
 using namespace kivbf_bench;
@@ -24,7 +26,7 @@ namespace {
 int Usage() {
     std::fprintf(stderr,
                  "usage: count_kivbf run MODE level|vad mixed|noise|speech BLOCKS\n"
-                 "       count_kivbf fft BLOCKS | setmode MODE CALLS | init CALLS\n");
+                 "       count_kivbf fft BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n");
     return 2;
 }
 
@@ -81,6 +83,29 @@ int CountInit(int calls) {
     return 0;
 }
 
+int CountPeer(int frames) {
+    PeerBeamformer peer(static_cast<int>(kSampleRate), kDistanceCm / 100.0f);
+    if (!peer.ok()) return 1;
+    const std::vector<int16_t> scene = MakeScene(Talker::kBursts, kStreamBlocks);
+    const size_t n = peer.frame_samples();
+    const size_t available = scene.size() / 2 / n;
+    std::vector<float> mic0(scene.size() / 2), mic1(scene.size() / 2), out(n);
+    for (size_t i = 0; i < mic0.size(); ++i) {
+        mic0[i] = scene[2 * i] / 32768.0f;
+        mic1[i] = scene[2 * i + 1] / 32768.0f;
+    }
+    const auto process = [&](size_t f) {
+        const size_t at = (f % available) * n;
+        return peer.Process(&mic0[at], &mic1[at], out.data());
+    };
+    for (size_t f = 0; f < 100; ++f) process(f);
+    int status = 0;
+    CALLGRIND_TOGGLE_COLLECT;
+    for (int f = 0; f < frames; ++f) status |= process(100 + static_cast<size_t>(f));
+    CALLGRIND_TOGGLE_COLLECT;
+    return status == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -92,5 +117,6 @@ int main(int argc, char **argv) {
     if (what == "setmode" && argc == 4)
         return CountSetMode(static_cast<uint32_t>(std::atoi(argv[2])), std::atoi(argv[3]));
     if (what == "init" && argc == 3) return CountInit(std::atoi(argv[2]));
+    if (what == "peer" && argc == 3) return CountPeer(std::atoi(argv[2]));
     return Usage();
 }

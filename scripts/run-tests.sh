@@ -2,7 +2,8 @@
 # Installs what is needed, builds kivbf and runs the whole test suite: a
 # normal build, a saturating-output build, one under AddressSanitizer +
 # UndefinedBehaviorSanitizer, then cross builds for aarch64 and armhf whose
-# tests run under qemu-user. Every suite runs even when an earlier one failed;
+# tests run under qemu-user, and the reliability checks (ThreadSanitizer,
+# exported symbols, a bounded fuzz run). Every suite runs even when an earlier one failed;
 # any failing test or sanitizer report fails the command.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,6 +37,11 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 run_suite sanitizers -DKIVBF_SANITIZE=ON
 run_suite aarch64 -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchain-aarch64-linux-gnu.cmake"
 run_suite armhf -DCMAKE_TOOLCHAIN_FILE="$top/cmake/toolchain-arm-linux-gnueabihf.cmake"
+
+# ThreadSanitizer on the thread test, the shared library's exports, a bounded fuzz run.
+reliability_start=$SECONDS
+if scripts/run-reliability.sh; then status=passed; else status=failed; failed+=(reliability); fi
+summary+=("$(printf '%-11s %-16s %5d s' reliability "$status" $((SECONDS - reliability_start)))")
 
 echo "=== summary"
 printf '    %s\n' "${summary[@]}"
