@@ -2,7 +2,9 @@
 # Instructions per block (and per set-up call) under callgrind; unlike
 # wall-clock figures they do not move with the load on the machine.
 #   bench/callgrind.sh [build-dir]      (default: build-bench, built by scripts/run-bench.sh)
-# Prints one line per case; KIVBF_CALLGRIND_STAGES=1 adds the inclusive count
+# Prints one line per case (Ir per block or call, the ratio to the FFT floor,
+# millions of instructions per second of 16 kHz audio and the peer's over
+# ours); KIVBF_CALLGRIND_STAGES=1 adds the inclusive count
 # per stage function for mode 3 noise blocks and mode 0 noise blocks.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -22,25 +24,34 @@ collected() {
     awk '/^summary:|^totals:/ { print $2; exit }' "$work/out"
 }
 
-per_unit() {  # label count args...
-    local label=$1 count=$2; shift 2
-    local total
-    total=$(collected "$@")
-    printf '%-28s %12d\n' "$label" $(( total / count ))
+per_unit() {  # count args...: instructions per block or call
+    local count=$1; shift
+    echo $(( $(collected "$@") / count ))
 }
 
-printf '%-28s %12s\n' case 'Ir per block'
-per_unit fft_floor $blocks fft $blocks
+# Ratios: to the FFT floor, and the peer's instructions per second of audio
+# (100 frames of 10 ms) over ours (125 blocks of 128 samples at 16 kHz).
+floor=$(per_unit $blocks fft $blocks)
+peer=$(per_unit $blocks peer $blocks)
+row() {  # label Ir [per-second]
+    awk -v l="$1" -v ir="$2" -v f="$floor" -v p="$peer" -v block="${3:-0}" 'BEGIN {
+        printf "%-24s %10d %8.2f", l, ir, ir / f
+        if (block == 1) printf " %10.1f %8.2f", ir * 125 / 1e6, p * 100 / (ir * 125)
+        printf "\n" }'
+}
+printf '%-24s %10s %8s %10s %8s\n' case 'Ir' 'x floor' 'MIr/s' 'peer/us'
+row fft_floor "$floor"
+row peer_per_10ms "$peer"
 for mode in 0 1 2 3 4; do
     for gate in level vad; do
         for stream in mixed noise speech; do
-            per_unit "run/mode$mode/$gate/$stream" $blocks run $mode $gate $stream $blocks
+            row "run/mode$mode/$gate/$stream" "$(per_unit $blocks run $mode $gate $stream $blocks)" 1
         done
     done
 done
-per_unit setmode/mode1 10 setmode 1 10
-per_unit setmode/mode3 10 setmode 3 10
-per_unit init 10 init 10
+row setmode/mode1 "$(per_unit 10 setmode 1 10)"
+row setmode/mode3 "$(per_unit 10 setmode 3 10)"
+row init "$(per_unit 10 init 10)"
 
 if [[ ${KIVBF_CALLGRIND_STAGES:-0} == 1 ]]; then
     for mode in 3 0; do

@@ -58,3 +58,25 @@ TEST(BeamDesign, UnitGainTowardTheLookDirectionAndAverageAtBinZero) {
         }
     }
 }
+
+// More diagonal loading trades directivity for robustness: the weights move
+// toward delay-and-sum, conj(d) / 2, in every frequency band.
+TEST(BeamDesign, HeavierLoadingMovesTowardDelayAndSum) {
+    double previous[2] = {1e30, 1e30};  // distance in bins 1..63 and 64..128
+    for (float loading : {0.0001f, 0.001f, 0.01f}) {
+        auto s = DesignedBeam(loading, -90.0f);  // end-fire: farthest from delay-and-sum
+        double distance[2] = {0.0, 0.0};
+        for (int32_t m = 0; m < kMics; ++m)
+            for (int32_t k = 1; k < kBins; ++k) {
+                const double x = (m == 0 ? -kSpacing : kSpacing) / 2;
+                const double f = k * 16000.0 / 256.0;
+                const cd weight{s->beam_weights[m][2 * k], s->beam_weights[m][2 * k + 1]};
+                const cd delay_and_sum = std::conj(std::polar(1.0, 2 * kPiDouble * f * x / kSpeed)) / 2.0;
+                distance[k < 64 ? 0 : 1] += std::norm(weight - delay_and_sum);
+            }
+        for (int band = 0; band < 2; ++band) {
+            EXPECT_LT(distance[band], previous[band]) << "loading " << loading << " band " << band;
+            previous[band] = distance[band];
+        }
+    }
+}
