@@ -92,3 +92,22 @@ TEST(Robustness, NearSilentDecayLeavesNoSubnormalCovariance) {
         for (int i = 0; i < 8; ++i) subnormals += std::fpclassify(matrix[i]) == FP_SUBNORMAL;
     EXPECT_EQ(subnormals, 0);
 }
+
+// A bin that is exactly zero on the first block has zero noise and zero speech
+// power: its speech-to-noise ratio is 0/0, which must come out as "no speech"
+// (the intensity's floor), never NaN.
+TEST(Robustness, SilentBinGivesTheRatioFloorNotNaN) {
+    WorkingBuffer buffer;
+    AudioBfHandle h = MakeConfiguredHandle(buffer);
+    ASSERT_EQ(KivBf_SetMode(h, 3, 0.0f), KIVBF_OK);
+    BfCoreState &s = *Bf_StateOf(h);
+    for (int32_t k = 0; k < kivbf::kBins; ++k) {
+        const float value = (k == 5) ? 0.0f : 0.01f * static_cast<float>(k + 1);
+        s.mic_spectrum[0][2 * k] = s.mic_spectrum[1][2 * k] = value;
+    }
+    for (int block = 0; block < 3; ++block) {
+        Bf_NoiseEstimate(s);
+        for (int32_t k = 0; k < kivbf::kBins; ++k) ASSERT_TRUE(std::isfinite(s.speech_noise_ratio[k])) << k;
+        EXPECT_EQ(s.speech_noise_ratio[5], 0.01f);  // intensity 1's floor
+    }
+}
