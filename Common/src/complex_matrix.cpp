@@ -106,28 +106,13 @@ void cmat2_product(const float *a, const float *b, float *out) {
     cmat2_assemble(real_part, img_part, out);
 }
 
+// Sums and differences are element-wise, so they need no split into parts.
 void cmat2_sum(const float *a, const float *b, float *out) {
-    RealMatrix real_matrixA;
-    RealMatrix img_matrixA;
-    RealMatrix real_matrixB;
-    RealMatrix img_matrixB;
-    cmat2_split(a, real_matrixA, img_matrixA);
-    cmat2_split(b, real_matrixB, img_matrixB);
-    rmat2_sum(real_matrixA, real_matrixB, real_matrixA);
-    rmat2_sum(img_matrixA, img_matrixB, img_matrixA);
-    cmat2_assemble(real_matrixA, img_matrixA, out);
+    for (int32_t i = 0; i < kCmat2Floats; ++i) out[i] = a[i] + b[i];
 }
 
 void cmat2_difference(const float *a, const float *b, float *out) {
-    RealMatrix real_matrixA;
-    RealMatrix img_matrixA;
-    RealMatrix real_matrixB;
-    RealMatrix img_matrixB;
-    cmat2_split(a, real_matrixA, img_matrixA);
-    cmat2_split(b, real_matrixB, img_matrixB);
-    rmat2_difference(real_matrixA, real_matrixB, real_matrixA);
-    rmat2_difference(img_matrixA, img_matrixB, img_matrixA);
-    cmat2_assemble(real_matrixA, img_matrixA, out);
+    for (int32_t i = 0; i < kCmat2Floats; ++i) out[i] = a[i] - b[i];
 }
 
 void cmat2_trace(const float *m, float *trace) {
