@@ -183,7 +183,6 @@ struct BfCoreState {
     BF_ALIGN float anc_output[kivbf::kSpectrumFloats];            // prediction P
     BF_ALIGN float reference_power[kivbf::kBins];                 // S, floored at 1e-6
     BF_ALIGN float normalised_reference[kivbf::kSpectrumFloats];  // U / S
-    BF_ALIGN float error_conjugate[kivbf::kSpectrumFloats];       // conj(E)
     BF_ALIGN float scratch_re[kivbf::kBins];
     BF_ALIGN float scratch_im[kivbf::kBins];
     BF_ALIGN float scratch_complex[kivbf::kSpectrumFloats];

@@ -70,11 +70,14 @@ void BoundTapMagnitude(BfCoreState &s) {
 
 // H = 0.997 H + 0.01 U~ conj(E), then |H| bounded by 2 with its phase kept.
 void AncUpdate(BfCoreState &s) {
+    // conj(E) goes into scratch_complex, which the product reads in full
+    // before it writes its result there.
+    float *error_conjugate = s.scratch_complex;
     for (int32_t k = 0; k < kBins; ++k) {
-        s.error_conjugate[2 * k] = s.beam_output[2 * k];
-        s.error_conjugate[2 * k + 1] = -s.beam_output[2 * k + 1];
+        error_conjugate[2 * k] = s.beam_output[2 * k];
+        error_conjugate[2 * k + 1] = -s.beam_output[2 * k + 1];
     }
-    ComplexProduct(s, s.normalised_reference, s.error_conjugate, 1);
+    ComplexProduct(s, s.normalised_reference, error_conjugate, 1);
     cplx_scale(s.scratch_complex, kStepSize, s.scratch_complex, kSpectrumFloats);
     cplx_scale(s.anc_filter, kLeakage, s.anc_filter, kSpectrumFloats);
     cplx_add(s.anc_filter, s.scratch_complex, s.anc_filter, kSpectrumFloats);
