@@ -6,6 +6,7 @@
 #include "AudioVadProcess.h"
 #include "debug_msglevel.h"
 #include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
 
@@ -18,25 +19,39 @@ constexpr float kSilenceRms = 1e-6f;
 // Splits the interleaved block into the per-channel staging blocks, holds the
 // canceller when any sample is at full scale, and dumps the staged input.
 void StageInput(BfCoreState &s, const int16_t *input) {
-    for (int32_t i = 0; i < kHop; ++i) {
+    static_assert(kMics == 2, "the block is split as sample pairs");
+    const int16x8_t high = vdupq_n_s16(32767);
+    const int16x8_t low = vdupq_n_s16(-32768);
+    uint16x8_t full_scale = vdupq_n_u16(0);
+    for (int32_t i = 0; i < kHop; i += 8) {
+        const int16x8x2_t pairs = vld2q_s16(input + kMics * i);
         for (int32_t ch = 0; ch < kMics; ++ch) {
-            const int16_t sample = input[kMics * i + ch];
-            s.staging_block[ch][i] = sample;
-            if (sample == 32767 || sample == -32768) s.canceller_hold = 1;
+            vst1q_s16(s.staging_block[ch] + i, pairs.val[ch]);
+            full_scale = vorrq_u16(full_scale, vceqq_s16(pairs.val[ch], high));
+            full_scale = vorrq_u16(full_scale, vceqq_s16(pairs.val[ch], low));
         }
     }
+    const uint16x4_t folded = vorr_u16(vget_low_u16(full_scale), vget_high_u16(full_scale));
+    if (vget_lane_u64(vreinterpret_u64_u16(folded), 0) != 0) s.canceller_hold = 1;
     if (s.dump_mode != 0)
         for (int32_t ch = 0; ch < kMics; ++ch)
             Bf_DumpWrite(s.dump_input[ch], s.staging_block[ch], kPointNumber);
 }
 
-// Slides each channel's analysis window by one block.
+// Slides each channel's analysis window by one block. Dividing by 32768 is
+// exact, so the product by its reciprocal gives the same floats.
 void UpdateInputWindows(BfCoreState &s) {
+    constexpr float kInverseScale = 1.0f / kPcmScale;
     for (int32_t ch = 0; ch < kMics; ++ch) {
         float *window = s.input_window[ch];
-        std::memmove(window, window + kHop, sizeof(float) * kHop);
-        for (int32_t i = 0; i < kHop; ++i)
-            window[kHop + i] = static_cast<float>(s.staging_block[ch][i]) / kPcmScale;
+        std::memcpy(window, window + kHop, sizeof(float) * kHop);
+        for (int32_t i = 0; i < kHop; i += 8) {
+            const int16x8_t samples = vld1q_s16(s.staging_block[ch] + i);
+            const float32x4_t first = vcvtq_f32_s32(vmovl_s16(vget_low_s16(samples)));
+            const float32x4_t second = vcvtq_f32_s32(vmovl_s16(vget_high_s16(samples)));
+            vst1q_f32(window + kHop + i, vmulq_n_f32(first, kInverseScale));
+            vst1q_f32(window + kHop + i + 4, vmulq_n_f32(second, kInverseScale));
+        }
     }
 }
 

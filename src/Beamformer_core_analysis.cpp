@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "Beamformer_core.h"
-#include "vector_kernels.h"
+#include "vector_lanes.h"
 #include "windowfilt.h"
 
 namespace {
@@ -27,5 +27,6 @@ void Bf_Synthesis(BfCoreState &s, const float *spectrum, float *destination) {
     FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_INVERSE, s.fft_buffer, s.fft_work_ip,
              s.fft_work_w);
     WindowFilter_Apply(s.fft_buffer, WINDOW_SYNTHESIS);
-    for (int32_t n = 0; n < kivbf::kFftSize; ++n) destination[n] = kPcmScale * s.fft_buffer[n];
+    for (int32_t n = 0; n < kivbf::kFftSize; n += kivbf::lanes::kLanes)
+        vst1q_f32(destination + n, vmulq_n_f32(vld1q_f32(s.fft_buffer + n), kPcmScale));
 }
