@@ -5,6 +5,7 @@
 
 #include "Beamformer_core.h"
 #include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
 
@@ -17,11 +18,16 @@ void Bf_InputLevel(BfCoreState &s) {
 
 void Bf_OutputStage(BfCoreState &s, int16_t *output) {
     constexpr int32_t kHop = static_cast<int32_t>(kPointNumber);
-    for (int32_t i = 0; i < kFftSize; ++i) s.ola_buffer[i] += s.synth_frame[i];
+    float *accumulator = s.ola_buffer;
+    for (int32_t i = 0; i < kFftSize; i += lanes::kLanes) {
+        const float32x4_t sum = vaddq_f32(vld1q_f32(accumulator + i), vld1q_f32(s.synth_frame + i));
+        vst1q_f32(accumulator + i, sum);
+    }
     for (int32_t i = 0; i < kHop; ++i)
-        output[i] = Bf_PcmSample<kSaturateOutput>(s.ola_buffer[i], s.output_gain);
-    for (int32_t i = 0; i < kHop; ++i) {
-        s.ola_buffer[i] = s.ola_buffer[kHop + i];
-        s.ola_buffer[kHop + i] = 0.0f;
+        output[i] = Bf_PcmSample<kSaturateOutput>(accumulator[i], s.output_gain);
+    const float32x4_t zero = vdupq_n_f32(0.0f);
+    for (int32_t i = 0; i < kHop; i += lanes::kLanes) {
+        vst1q_f32(accumulator + i, vld1q_f32(accumulator + kHop + i));
+        vst1q_f32(accumulator + kHop + i, zero);
     }
 }
