@@ -224,6 +224,32 @@ private:
     std::map<std::string, double> medians_;
 };
 
+// The worst case of each target over the blocks measured in this run.
+void PrintTargets(const CollectingReporter &reporter, double floor, double peer, uint32_t bytes) {
+    double mode1 = 0.0, mode3_noise = 0.0, cheapest = 0.0;
+    bool any_block = false;
+    for (const std::string &name : reporter.names()) {
+        if (name.rfind("run/", 0) != 0) continue;
+        const double t = reporter.Median(name);
+        if (t <= 0.0 || floor <= 0.0) continue;
+        const double ratio = peer / (t * kBlocksPerSecond);
+        cheapest = any_block ? std::min(cheapest, ratio) : ratio;
+        any_block = true;
+        if (name.rfind("run/mode1/", 0) == 0) mode1 = std::max(mode1, t / floor);
+        if (name.rfind("run/mode3/", 0) == 0 && name.find("/noise") != std::string::npos)
+            mode3_noise = std::max(mode3_noise, t / floor);
+    }
+    if (!any_block) return;
+    const auto row = [](const char *target, double value, bool met) {
+        std::printf("  %-38s %8.2f  %s\n", target, value, met ? "met" : "NOT met");
+    };
+    std::printf("\nTargets (worst case of this run)\n");
+    if (mode1 > 0.0) row("mode 1 <= 1.3 x floor", mode1, mode1 <= 1.3);
+    if (mode3_noise > 0.0) row("mode 3 noise blocks <= 2 x floor", mode3_noise, mode3_noise <= 2.0);
+    if (peer > 0.0) row("peer / ours per second >= 3", cheapest, cheapest >= 3.0);
+    row("working buffer <= 64 KiB (KiB)", bytes / 1024.0, bytes <= 65536);
+}
+
 void PrintSummary(const CollectingReporter &reporter) {
     const double floor = reporter.Median("fft_floor");
     const double peer = reporter.Median("peer/mixed") * kPeerFramesPerSecond;
@@ -242,7 +268,9 @@ void PrintSummary(const CollectingReporter &reporter) {
         }
         std::printf("\n");
     }
-    std::printf("working buffer: %u bytes\n", KivBf_GetBufferSize());
+    const uint32_t bytes = KivBf_GetBufferSize();
+    std::printf("working buffer: %u bytes\n", bytes);
+    PrintTargets(reporter, floor, peer, bytes);
 }
 
 void RegisterAll() {
