@@ -149,19 +149,11 @@ struct BfCoreState {
     // --- Noise spatial covariance -----------------------------------------------------
     uint16_t cov_counter;  // updates so far (13 at most, or 0/1)
     BF_ALIGN float noise_covariance[kivbf::kBins][8];  // Phi per bin, 2 x 2 complex
-    float cov_snapshot[8];    // x in column 0
-    float cov_conjugate[8];   // x^H in row 0
-    float cov_product[8];     // x x^H
-    float cov_trace[2];
-    float cov_normalised[8];
 
-    // --- Adaptive MVDR weights (scratch) ---------------------------------------------
-    float mvdr_column[8];
-    float mvdr_row[8];
-    float mvdr_loaded[8];   // Phi + loading, inverted in place
-    float mvdr_inv_col[8];  // M^-1 d
-    float mvdr_row_inv[8];  // d^H M^-1
-    float mvdr_scalar[8];   // d^H M^-1 d
+    // --- Adaptive MVDR weights ----------------------------------------------------------
+    BF_ALIGN float mvdr_steering[4][kivbf::kBins];  // d: rows cos, sin of microphone 0, then of 1
+    float mvdr_steering_delay[kivbf::kMics];        // steer_delay that mvdr_steering was built from
+    int32_t mvdr_steering_built;                    // 1 once mvdr_steering_delay is valid
 
     // --- Coherence and direction weighting (modes 3, 4) -------------------------------
     BF_ALIGN float power_history[kivbf::kMics][kivbf::kHistoryBlocks][kivbf::kBins];

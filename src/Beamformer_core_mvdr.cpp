@@ -1,12 +1,18 @@
 // Noise spatial covariance and the adaptive MVDR weights built from it.
-#include <cfloat>
+//
+// Both stages keep each bin's 2 x 2 matrices in registers (complex_matrix.h,
+// split form); the matrices that hold a vector in column 0 or row 0 spell out
+// their zero entries, whose products take part in the sums exactly as they do
+// in the 8-float functions.
 #include <cmath>
+#include <cstring>
 
 #include "Beamformer_core.h"
 #include "complex_matrix.h"
-#include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
+using namespace kivbf::lanes;
 
 namespace {
 
@@ -16,63 +22,270 @@ constexpr uint16_t kLastRunningMean = kRunningMeanUpdates - 1;
 constexpr float kSlowForgetting = 1.0f / 12.0f;  // after the running mean
 constexpr float kFastForgetting = 0.1f;          // Noise_estimation off
 
-// Element (row, column) of a 2 x 2 complex matrix: offset of its real part.
-constexpr int32_t Element(int32_t row, int32_t column) { return 2 * (2 * row + column); }
+// Bins that run four at a time (Float4); the rest run one at a time in float.
+// ARMv7 NEON flushes subnormal operands and results to zero, which its scalar
+// unit does not, so there the lanes would not reproduce the float arithmetic
+// and every bin runs in float.
+#if defined(__ARM_NEON) && !defined(__aarch64__)
+constexpr int32_t kLaneBins = 0;
+#else
+constexpr int32_t kLaneBins = kBins - kBins % kLanes;
+#endif
 
-void ClearMatrix(float *matrix) {
-    for (int32_t i = 0; i < kCmat2Floats; ++i) matrix[i] = 0.0f;
+// Four floats, one per lane, with the element-wise IEEE operations that the
+// matrix templates use.
+struct Float4 {
+    float32x4_t v;
+    Float4() = default;
+    explicit Float4(float32x4_t lanes) : v(lanes) {}
+    explicit Float4(float value) : v(vdupq_n_f32(value)) {}
+};
+
+Float4 operator+(Float4 a, Float4 b) { return Float4(vaddq_f32(a.v, b.v)); }
+Float4 operator-(Float4 a, Float4 b) { return Float4(vsubq_f32(a.v, b.v)); }
+Float4 operator*(Float4 a, Float4 b) { return Float4(vmulq_f32(a.v, b.v)); }
+Float4 operator-(Float4 a) {  // flips the sign bit, as scalar negation does
+    return Float4(vreinterpretq_f32_u32(
+        veorq_u32(vreinterpretq_u32_f32(a.v), vdupq_n_u32(0x80000000u))));
 }
 
-// x in column 0 of `column`, x^H in row 0 of `row`.
-void PutVector(float *column, float *row, int32_t m, float re, float im) {
-    column[Element(m, 0)] = re;
-    column[Element(m, 0) + 1] = im;
-    row[Element(0, m)] = re;
-    row[Element(0, m) + 1] = -im;
+Float4 Quotient(Float4 a, Float4 b) { return Float4(ExactQuotient(a.v, b.v)); }
+
+Float4 ReplaceZero(Float4 x, float replacement) {
+    return Float4(vbslq_f32(vceqq_f32(x.v, vdupq_n_f32(0.0f)), vdupq_n_f32(replacement), x.v));
 }
 
-// Snapshot of bin k, weighted by each microphone's noise share (1 - G) unless
-// the microphones are calibrated, where the weight is applied later.
-void PutSnapshot(BfCoreState &s, int32_t k) {
-    const bool calibrated = s.calibration_flag == 1;
-    for (int32_t m = 0; m < kMics; ++m) {
-        const float re = s.mic_spectrum[m][2 * k];
-        const float im = s.mic_spectrum[m][2 * k + 1];
-        if (calibrated) {
-            PutVector(s.cov_snapshot, s.cov_conjugate, m, kSnapshotScale * re, kSnapshotScale * im);
-        } else {
-            const double weight = static_cast<double>(1.0f - s.wiener_gain[m][k]) * kSnapshotScale;
-            PutVector(s.cov_snapshot, s.cov_conjugate, m, static_cast<float>(weight * re),
-                      static_cast<float>(weight * im));
-        }
+using ::Quotient;  // the float versions, which the two above would hide here
+using ::ReplaceZero;
+
+// Microphone m's entry of the snapshot of bin k, weighted by the microphone's
+// noise share (1 - G) unless the microphones are calibrated, where the weight
+// is applied later.
+void SnapshotEntry(const BfCoreState &s, int32_t m, int32_t k, bool calibrated, float &re_out,
+                   float &im_out) {
+    const float re = s.mic_spectrum[m][2 * k];
+    const float im = s.mic_spectrum[m][2 * k + 1];
+    if (calibrated) {
+        re_out = kSnapshotScale * re;
+        im_out = kSnapshotScale * im;
+    } else {
+        const double weight = static_cast<double>(1.0f - s.wiener_gain[m][k]) * kSnapshotScale;
+        re_out = static_cast<float>(weight * re);
+        im_out = static_cast<float>(weight * im);
     }
 }
 
-void AverageCovariance(BfCoreState &s, float *phi) {
-    const float *normalised = s.cov_normalised;
+// v = (v0, v1) in column 0, and v^H in row 0, of otherwise zero matrices.
+template <typename T>
+inline Cmat2Parts<T> ColumnMatrix(T v0_re, T v0_im, T v1_re, T v1_im) {
+    const T zero(0.0f);
+    return {{v0_re, zero, v1_re, zero}, {v0_im, zero, v1_im, zero}};
+}
+
+template <typename T>
+inline Cmat2Parts<T> RowMatrix(T v0_re, T v0_im, T v1_re, T v1_im) {
+    const T zero(0.0f);
+    return {{v0_re, v1_re, zero, zero}, {-v0_im, -v1_im, zero, zero}};
+}
+
+// x x^H / trace(x x^H) of a snapshot x.
+template <typename T>
+inline Cmat2Parts<T> NormalisedSnapshot(T x0_re, T x0_im, T x1_re, T x1_im) {
+    const Cmat2Parts<T> product = cmat2_parts_product(ColumnMatrix(x0_re, x0_im, x1_re, x1_im),
+                                                      RowMatrix(x0_re, x0_im, x1_re, x1_im));
+    return cmat2_parts_normalise(product, product.re.a00 + product.re.a11,
+                                 product.im.a00 + product.im.a11);
+}
+
+// w = (u0, u1) / s with u = M^-1 d and s = d^H M^-1 d, M = Phi + loading.
+template <typename T>
+struct Weights {
+    T re[kMics];
+    T im[kMics];
+};
+
+template <typename T>
+inline Weights<T> MvdrWeights(const Cmat2Parts<T> &phi, T loading, T c0, T s0, T c1, T s1) {
+    const Cmat2Parts<T> column = ColumnMatrix(c0, s0, c1, s1);
+    const Cmat2Parts<T> row = RowMatrix(c0, s0, c1, s1);
+    const Cmat2Parts<T> loaded = {{phi.re.a00 + loading, phi.re.a01, phi.re.a10, phi.re.a11 + loading},
+                                  phi.im};
+    const Cmat2Parts<T> inverse = cmat2_parts_inverse(loaded);
+    // Only column 0 of M^-1 d, row 0 of d^H M^-1 and element (0, 0) of the
+    // scalar are read.
+    const Cmat2Parts<T> inv_col = cmat2_parts_product(inverse, column);
+    const Cmat2Parts<T> scalar = cmat2_parts_product(cmat2_parts_product(row, inverse), column);
+
+    const T s_re = scalar.re.a00;
+    const T s_im = scalar.im.a00;
+    const T magnitude = s_re * s_re + s_im * s_im;
+    const T u_re[kMics] = {inv_col.re.a00, inv_col.re.a10};
+    const T u_im[kMics] = {inv_col.im.a00, inv_col.im.a10};
+    Weights<T> w;
+    for (int32_t m = 0; m < kMics; ++m) {
+        w.re[m] = Quotient(u_re[m] * s_re + u_im[m] * s_im, magnitude);
+        w.im[m] = Quotient(u_re[m] * s_im - u_im[m] * s_re, magnitude);
+    }
+    return w;
+}
+
+// Phi of one bin in split form; float Phi[8] is re00 im00 re01 im01 re10 im10
+// re11 im11.
+Cmat2Parts<float> LoadPhi(const float *phi) {
+    return {{phi[0], phi[2], phi[4], phi[6]}, {phi[1], phi[3], phi[5], phi[7]}};
+}
+
+// Rows in, columns out: lane i of result j is lane j of row i (its own inverse).
+void Transpose(float32x4_t &r0, float32x4_t &r1, float32x4_t &r2, float32x4_t &r3) {
+    const float32x4x2_t even = vzipq_f32(r0, r2);
+    const float32x4x2_t odd = vzipq_f32(r1, r3);
+    const float32x4x2_t low = vzipq_f32(even.val[0], odd.val[0]);
+    const float32x4x2_t high = vzipq_f32(even.val[1], odd.val[1]);
+    r0 = low.val[0];
+    r1 = low.val[1];
+    r2 = high.val[0];
+    r3 = high.val[1];
+}
+
+// Phi of bins k .. k + 3 (from `phi`, bin k's matrix): element e of the four
+// bins in lanes[e].
+struct PhiLanes {
+    float32x4_t lanes[kCmat2Floats];
+};
+
+PhiLanes LoadPhiLanes(const float *phi) {
+    PhiLanes out;
+    for (int32_t half = 0; half < 2; ++half) {
+        float32x4_t *rows = out.lanes + 4 * half;
+        for (int32_t i = 0; i < kLanes; ++i) rows[i] = vld1q_f32(phi + kCmat2Floats * i + 4 * half);
+        Transpose(rows[0], rows[1], rows[2], rows[3]);
+    }
+    return out;
+}
+
+void StorePhiLanes(PhiLanes in, float *phi) {
+    for (int32_t half = 0; half < 2; ++half) {
+        float32x4_t *rows = in.lanes + 4 * half;
+        Transpose(rows[0], rows[1], rows[2], rows[3]);
+        for (int32_t i = 0; i < kLanes; ++i) vst1q_f32(phi + kCmat2Floats * i + 4 * half, rows[i]);
+    }
+}
+
+Cmat2Parts<Float4> PartsOf(const PhiLanes &p) {
+    return {{Float4(p.lanes[0]), Float4(p.lanes[2]), Float4(p.lanes[4]), Float4(p.lanes[6])},
+            {Float4(p.lanes[1]), Float4(p.lanes[3]), Float4(p.lanes[5]), Float4(p.lanes[7])}};
+}
+
+PhiLanes LanesOf(const Cmat2Parts<Float4> &m) {
+    return {{m.re.a00.v, m.im.a00.v, m.re.a01.v, m.im.a01.v, m.re.a10.v, m.im.a10.v, m.re.a11.v,
+             m.im.a11.v}};
+}
+
+// The steering vector d per bin depends on the delays alone (the bin
+// frequencies are fixed at Init), so it is rebuilt only when they change. The
+// delays are compared bit for bit: +0 and -0 give vectors that differ in the
+// sign of a zero.
+void UpdateSteering(BfCoreState &s) {
+    if (s.mvdr_steering_built == 1 &&
+        std::memcmp(s.mvdr_steering_delay, s.steer_delay, sizeof s.steer_delay) == 0)
+        return;
+    for (int32_t k = 0; k < kBins; ++k) {
+        for (int32_t m = 0; m < kMics; ++m) {
+            const double phase = s.bin_frequency[k] * s.steer_delay[m];
+            s.mvdr_steering[2 * m][k] = static_cast<float>(std::cos(phase));
+            s.mvdr_steering[2 * m + 1][k] = static_cast<float>(std::sin(phase));
+        }
+    }
+    std::memcpy(s.mvdr_steering_delay, s.steer_delay, sizeof s.steer_delay);
+    s.mvdr_steering_built = 1;
+}
+
+// How this block's normalised snapshot N enters Phi. Each form is the
+// sequence of element-wise kernel passes over a matrix's 8 floats (two full
+// lane groups) that defines it, so it runs in lanes.
+enum class Averaging { kRunningMean, kForgetting, kFirst };
+
+struct BlockAveraging {
+    Averaging form;
+    float alpha;          // forgetting: alpha N + (1 - alpha) Phi
+    float count;          // running mean: (count Phi + N) / (count + 1)
+    float inverse_count;  // 1 / (count + 1)
+};
+
+BlockAveraging AveragingOf(const BfCoreState &s) {
     const uint16_t n = s.cov_counter;
     if (s.Noise_estimation != 0) {
-        if (n > kLastRunningMean) {
-            cplx_mix(normalised, phi, kSlowForgetting, phi, kCmat2Floats);
-        } else {
-            cplx_scale(phi, static_cast<float>(n), phi, kCmat2Floats);
-            cplx_add(phi, normalised, phi, kCmat2Floats);
-            cplx_scale(phi, 1.0f / static_cast<float>(n + 1), phi, kCmat2Floats);
-        }
-    } else if (n != 0) {
-        cplx_mix(normalised, phi, kFastForgetting, phi, kCmat2Floats);
-    } else {
-        for (int32_t i = 0; i < kCmat2Floats; ++i) phi[i] = normalised[i];
+        if (n > kLastRunningMean) return {Averaging::kForgetting, kSlowForgetting, 0.0f, 0.0f};
+        return {Averaging::kRunningMean, 0.0f, static_cast<float>(n),
+                1.0f / static_cast<float>(n + 1)};
     }
+    if (n != 0) return {Averaging::kForgetting, kFastForgetting, 0.0f, 0.0f};
+    return {Averaging::kFirst, 0.0f, 0.0f, 0.0f};
 }
 
-// An element that the snapshots stop feeding (the imaginary parts while both
-// microphones see the same phase) only shrinks under the forgetting; once
-// subnormal it never reaches zero (0.9 times the smallest subnormal rounds
-// back to it) and slows every later block on cores without flush-to-zero.
-void FlushSubnormals(float *matrix) {
-    for (int32_t i = 0; i < kCmat2Floats; ++i)
-        if (std::fabs(matrix[i]) < FLT_MIN) matrix[i] = std::copysign(0.0f, matrix[i]);
+// Phi = Average(N, Phi) over `count` vectors of 4 elements each, then
+// subnormal elements flushed: an element that the snapshots stop feeding (the
+// imaginary parts while both microphones see the same phase) only shrinks
+// under the forgetting; once subnormal it never reaches zero (0.9 times the
+// smallest subnormal rounds back to it) and slows every later block on cores
+// without flush-to-zero.
+void AverageAndFlush(const float32x4_t *normalised, float32x4_t *phi, int32_t count,
+                     const BlockAveraging &a) {
+    switch (a.form) {
+        case Averaging::kForgetting: {
+            const float beta = 1.0f - a.alpha;
+            for (int32_t i = 0; i < count; ++i)
+                phi[i] = vaddq_f32(vmulq_n_f32(normalised[i], a.alpha), vmulq_n_f32(phi[i], beta));
+            break;
+        }
+        case Averaging::kRunningMean:
+            for (int32_t i = 0; i < count; ++i)
+                phi[i] = vmulq_n_f32(vaddq_f32(vmulq_n_f32(phi[i], a.count), normalised[i]),
+                                     a.inverse_count);
+            break;
+        case Averaging::kFirst:
+            for (int32_t i = 0; i < count; ++i) phi[i] = normalised[i];
+            break;
+    }
+    for (int32_t i = 0; i < count; ++i) phi[i] = FlushDenormal(phi[i]);
+}
+
+void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
+    float x[4];
+    SnapshotEntry(s, 0, k, calibrated, x[0], x[1]);
+    SnapshotEntry(s, 1, k, calibrated, x[2], x[3]);
+    const Cmat2Parts<float> n = NormalisedSnapshot(x[0], x[1], x[2], x[3]);
+    const float row0[4] = {n.re.a00, n.im.a00, n.re.a01, n.im.a01};
+    const float row1[4] = {n.re.a10, n.im.a10, n.re.a11, n.im.a11};
+    float32x4_t normalised[2] = {vld1q_f32(row0), vld1q_f32(row1)};
+    if (calibrated) {
+        const float noise_share = 1.0f - s.wiener_gain[0][k];
+        for (float32x4_t &half : normalised) half = vmulq_n_f32(half, noise_share);
+    }
+    float *phi = s.noise_covariance[k];
+    float32x4_t average[2] = {vld1q_f32(phi), vld1q_f32(phi + 4)};
+    AverageAndFlush(normalised, average, 2, averaging);
+    vst1q_f32(phi, average[0]);
+    vst1q_f32(phi + 4, average[1]);
+}
+
+// Bins k .. k + 3; the snapshot's double-precision weighting runs per bin.
+void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
+    float x[4][kLanes];
+    for (int32_t i = 0; i < kLanes; ++i) {
+        SnapshotEntry(s, 0, k + i, calibrated, x[0][i], x[1][i]);
+        SnapshotEntry(s, 1, k + i, calibrated, x[2][i], x[3][i]);
+    }
+    PhiLanes normalised = LanesOf(NormalisedSnapshot(Float4(vld1q_f32(x[0])), Float4(vld1q_f32(x[1])),
+                                                     Float4(vld1q_f32(x[2])), Float4(vld1q_f32(x[3]))));
+    if (calibrated) {
+        const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[0] + k));
+        for (float32x4_t &lane : normalised.lanes) lane = vmulq_f32(lane, noise_share);
+    }
+    float *phi = s.noise_covariance[k];
+    PhiLanes average = LoadPhiLanes(phi);
+    AverageAndFlush(normalised.lanes, average.lanes, kCmat2Floats, averaging);
+    StorePhiLanes(average, phi);
 }
 
 }  // namespace
@@ -80,21 +293,11 @@ void FlushSubnormals(float *matrix) {
 // Phi[k]: average of unit-trace snapshots x x^H / |x|^2, so that it holds the
 // spatial structure of the noise and not its level.
 void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
-    // Each bin rewrites column 0 and row 0 only; the rest stays zero.
-    ClearMatrix(s.cov_snapshot);
-    ClearMatrix(s.cov_conjugate);
-    for (int32_t k = 0; k < kBins; ++k) {
-        PutSnapshot(s, k);
-        cmat2_product(s.cov_snapshot, s.cov_conjugate, s.cov_product);
-        cmat2_trace(s.cov_product, s.cov_trace);
-        cmat2_normalise(s.cov_product, s.cov_trace, s.cov_normalised);
-        if (s.calibration_flag == 1) {
-            cplx_scale(s.cov_normalised, 1.0f - s.wiener_gain[0][k], s.cov_normalised,
-                       kCmat2Floats);
-        }
-        AverageCovariance(s, s.noise_covariance[k]);
-        FlushSubnormals(s.noise_covariance[k]);
-    }
+    const bool calibrated = s.calibration_flag == 1;
+    const BlockAveraging averaging = AveragingOf(s);
+    int32_t k = 0;
+    for (; k < kLaneBins; k += kLanes) CovarianceFourBins(s, k, calibrated, averaging);
+    for (; k < kBins; ++k) CovarianceOneBin(s, k, calibrated, averaging);
     if (s.Noise_estimation != 0) {
         if (s.cov_counter < kRunningMeanUpdates) ++s.cov_counter;
     } else if (s.cov_counter == 0) {
@@ -105,33 +308,26 @@ void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
 // w^H = d^H M^-1 / (d^H M^-1 d) with M = Phi + loading, stored so that the
 // beam sum W0 X0 + W1 X1 needs no conjugation.
 void Bf_AdaptiveWeights(BfCoreState &s) {
-    ClearMatrix(s.mvdr_column);  // as in the covariance update: column 0 and row 0 change
-    ClearMatrix(s.mvdr_row);
-    for (int32_t k = 0; k < kBins; ++k) {
+    UpdateSteering(s);
+    int32_t k = 0;
+    for (; k < kLaneBins; k += kLanes) {
+        const auto d = [&](int32_t row) { return Float4(vld1q_f32(s.mvdr_steering[row] + k)); };
+        const Weights<Float4> w =
+            MvdrWeights(PartsOf(LoadPhiLanes(s.noise_covariance[k])),
+                        Float4(vld1q_f32(s.bin_loading + k)), d(0), d(1), d(2), d(3));
         for (int32_t m = 0; m < kMics; ++m) {
-            const double phase = s.bin_frequency[k] * s.steer_delay[m];
-            PutVector(s.mvdr_column, s.mvdr_row, m, static_cast<float>(std::cos(phase)),
-                      static_cast<float>(std::sin(phase)));
+            const float32x4x2_t interleaved = vzipq_f32(w.re[m].v, w.im[m].v);
+            vst1q_f32(s.beam_weights[m] + 2 * k, interleaved.val[0]);
+            vst1q_f32(s.beam_weights[m] + 2 * k + 4, interleaved.val[1]);
         }
-
-        float *loaded = s.mvdr_loaded;
-        for (int32_t i = 0; i < kCmat2Floats; ++i) loaded[i] = s.noise_covariance[k][i];
-        loaded[Element(0, 0)] += s.bin_loading[k];
-        loaded[Element(1, 1)] += s.bin_loading[k];
-        cmat2_inverse(loaded, loaded);
-
-        cmat2_product(loaded, s.mvdr_column, s.mvdr_inv_col);
-        cmat2_product(s.mvdr_row, loaded, s.mvdr_row_inv);
-        cmat2_product(s.mvdr_row_inv, s.mvdr_column, s.mvdr_scalar);
-
-        const float s_re = s.mvdr_scalar[0];
-        const float s_im = s.mvdr_scalar[1];
-        const float magnitude = s_re * s_re + s_im * s_im;
+    }
+    for (; k < kBins; ++k) {
+        const auto d = [&](int32_t row) { return s.mvdr_steering[row][k]; };
+        const Weights<float> w =
+            MvdrWeights(LoadPhi(s.noise_covariance[k]), s.bin_loading[k], d(0), d(1), d(2), d(3));
         for (int32_t m = 0; m < kMics; ++m) {
-            const float u_re = s.mvdr_inv_col[Element(m, 0)];
-            const float u_im = s.mvdr_inv_col[Element(m, 0) + 1];
-            s.beam_weights[m][2 * k] = (u_re * s_re + u_im * s_im) / magnitude;
-            s.beam_weights[m][2 * k + 1] = (u_re * s_im - u_im * s_re) / magnitude;
+            s.beam_weights[m][2 * k] = w.re[m];
+            s.beam_weights[m][2 * k + 1] = w.im[m];
         }
     }
 }

@@ -1,9 +1,19 @@
 // Per-bin noise power by speech-presence probability, decision-directed
 // a-priori SNR and Wiener gain per microphone.
+//
+// Two passes over the bins per microphone with the exponentials between them:
+// bins 0..127 in groups of four lanes, bin 128 on its own. Each bin meets the
+// same operations in the same order in both paths except where lanes and
+// scalars differ by nature: division is a refined reciprocal estimate in lanes
+// and IEEE division on the last bin, as everywhere the library divides over
+// bins.
+#include <cmath>
+
 #include "Beamformer_core.h"
-#include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
+using namespace kivbf::lanes;
 
 namespace {
 
@@ -17,116 +27,182 @@ constexpr float kPresenceSmoothing = 0.1f;  // weight of this block's probabilit
 constexpr float kPresenceCap = 0.9f;        // both threshold and the value it caps to
 constexpr float kNoiseSmoothing = 0.2f;     // weight of this block's noise estimate
 constexpr float kPriorSmoothing = 0.02f;    // weight of this block's a-posteriori SNR
+// Weights of the previous values, formed in float as the mixes always have.
+constexpr float kPresenceKeep = 1.0f - kPresenceSmoothing;
+constexpr float kNoiseKeep = 1.0f - kNoiseSmoothing;
+constexpr float kPriorKeep = 1.0f - kPriorSmoothing;
 // Floor of the speech-to-noise ratio by adaptive intensity 0..4.
 constexpr float kSpeechRatioFloor[] = {0.01f, 0.01f, 0.005f, 0.005f, 0.001f};
 
 bool HasPostFilter(const BfCoreState &s) { return s.mode == 3 || s.mode == 4; }
 
-// out = (1 - p) a + p b, element-wise.
-void MixByProbability(const float *p, const float *a, const float *b, float *out) {
-    for (int32_t k = 0; k < kBins; ++k) out[k] = (1.0f - p[k]) * a[k] + p[k] * b[k];
+// What one microphone's pass does besides the update every block makes.
+struct MicPass {
+    int32_t m;
+    bool first_block;     // the noise starts at the block's power
+    bool start_smoothed;  // the smoothed presence starts at this block's
+    bool speech_ratio;    // microphone 0 in the post-filter modes
+    bool share_gain;      // calibrated: microphone 1 takes this gain
+    float noise_scale;    // intensity_scale
+    float prior_floor;    // intensity_floor
+    float ratio_floor;    // of the speech-to-noise ratio
+};
+
+// Speech power over noise power where the noise dominates, else 1; a silent
+// bin (both 0) would give 0/0: it has no speech, ratio 0.
+float SpeechOverNoise(float speech, float noise) {
+    if (noise >= speech) return speech > 0.0f ? speech / noise : 0.0f;
+    return 1.0f;
 }
 
-// gamma = P / max(lambda, 1e-6); p from gamma, smoothed and capped.
-void SpeechPresence(BfCoreState &s, int32_t m) {
-    float *gamma = s.ne_posterior_snr;
-    float *presence = s.ne_presence;
-    float *smoothed = s.spp_smoothed[m];
+// First pass, bins k..k+3: the block's power P, and after the first block
+// gamma = P / max(lambda, 1e-6) and the exponent of the presence probability.
+void PowerLanes(BfCoreState &s, const MicPass &pass, int32_t k) {
+    const float32x4x2_t bin = vld2q_f32(s.mic_spectrum[pass.m] + 2 * k);
+    float32x4_t power =
+        vaddq_f32(vmulq_f32(bin.val[0], bin.val[0]), vmulq_f32(bin.val[1], bin.val[1]));
+    power = vmulq_n_f32(power, kPowerScale);
+    vst1q_f32(s.ne_power + k, power);
+    if (pass.first_block) return;
+    const float32x4_t noise = vld1q_f32(s.noise_psd[pass.m] + k);
+    const float32x4_t gamma =
+        vmulq_f32(power, Reciprocal(vmaxq_f32(noise, vdupq_n_f32(kLambdaFloor))));
+    vst1q_f32(s.ne_posterior_snr + k, gamma);
+    vst1q_f32(s.ne_presence + k, vmulq_n_f32(gamma, kPresenceSlope));
+}
 
-    vec_floor(s.noise_psd[m], kLambdaFloor, gamma, kBins);
-    vec_divide(s.ne_power, gamma, gamma, kBins);
+void PowerLast(BfCoreState &s, const MicPass &pass, int32_t k) {
+    const float re = s.mic_spectrum[pass.m][2 * k];
+    const float im = s.mic_spectrum[pass.m][2 * k + 1];
+    float power = re * re + im * im;
+    power = power * kPowerScale;
+    s.ne_power[k] = power;
+    if (pass.first_block) return;
+    const float gamma = ScalarQuotient(power, ScalarMax(s.noise_psd[pass.m][k], kLambdaFloor));
+    s.ne_posterior_snr[k] = gamma;
+    s.ne_presence[k] = gamma * kPresenceSlope;
+}
 
-    for (int32_t k = 0; k < kBins; ++k) presence[k] = gamma[k];
-    vec_scale(presence, kPresenceSlope, kBins);
-    vec_exp(presence, presence, kBins);
-    vec_scale(presence, kPresenceOffset, kBins);
-    vec_add(presence, s.unit_vector, presence, kBins);
-    vec_divide(s.unit_vector, presence, presence, kBins);
+// Second pass, bins k..k+3, with the exponential taken: p smoothed and
+// capped; lambda moves towards the power the presence expects; then
+// xi = max(mix(max(gamma - 1, 0), G^2 gamma of the last block), floor) and
+// G = xi / (1 + xi). On the first block the noise starts at the block's
+// power and gamma keeps what its scratch array holds.
+void UpdateLanes(BfCoreState &s, const MicPass &pass, int32_t k) {
+    const int32_t m = pass.m;
+    const float32x4_t power = vld1q_f32(s.ne_power + k);
+    const float32x4_t gamma = vld1q_f32(s.ne_posterior_snr + k);
+    const float32x4_t unit = vld1q_f32(s.unit_vector + k);
+    const float32x4_t one = vdupq_n_f32(1.0f);
 
-    if (s.noise_counter == 1) {
-        for (int32_t k = 0; k < kBins; ++k) smoothed[k] = presence[k];
-    } else {
-        vec_mix(presence, smoothed, kPresenceSmoothing, smoothed, kBins);
+    float32x4_t noise = power;
+    if (!pass.first_block) {
+        noise = vld1q_f32(s.noise_psd[m] + k);
+        float32x4_t presence = vld1q_f32(s.ne_presence + k);
+        presence = vaddq_f32(vmulq_n_f32(presence, kPresenceOffset), unit);
+        presence = vmulq_f32(unit, Reciprocal(presence));
+        float32x4_t smoothed = presence;
+        if (!pass.start_smoothed)
+            smoothed = vaddq_f32(vmulq_n_f32(presence, kPresenceSmoothing),
+                                 vmulq_n_f32(vld1q_f32(s.spp_smoothed[m] + k), kPresenceKeep));
+        vst1q_f32(s.spp_smoothed[m] + k, smoothed);
+        // Keeps the noise estimate moving when speech seems present for long.
+        const float32x4_t cap = vdupq_n_f32(kPresenceCap);
+        presence = vbslq_f32(vandq_u32(vcgtq_f32(smoothed, cap), vcgtq_f32(presence, cap)), cap,
+                             presence);
+
+        const float32x4_t scaled_noise = vmulq_n_f32(noise, pass.noise_scale);
+        const float32x4_t expected = vaddq_f32(vmulq_f32(vsubq_f32(one, presence), power),
+                                               vmulq_f32(presence, scaled_noise));
+        noise = vaddq_f32(vmulq_n_f32(expected, kNoiseSmoothing), vmulq_n_f32(noise, kNoiseKeep));
     }
-    // Keeps the noise estimate moving when speech seems present for long.
-    for (int32_t k = 0; k < kBins; ++k) {
-        if (smoothed[k] > kPresenceCap && presence[k] > kPresenceCap) presence[k] = kPresenceCap;
+    vst1q_f32(s.noise_psd[m] + k, noise);
+
+    float *memory = s.prior_snr_memory[m] + k;
+    float32x4_t xi = vmaxq_f32(vsubq_f32(gamma, one), vdupq_n_f32(0.0f));
+    xi = vaddq_f32(vmulq_n_f32(xi, kPriorSmoothing), vmulq_n_f32(vld1q_f32(memory), kPriorKeep));
+    xi = vmaxq_f32(xi, vdupq_n_f32(pass.prior_floor));
+    const float32x4_t gain = vmulq_f32(xi, Reciprocal(vaddq_f32(xi, unit)));
+    vst1q_f32(memory, vmulq_f32(vmulq_f32(gain, gain), gamma));
+    vst1q_f32(s.wiener_gain[m] + k, gain);
+    if (pass.share_gain) vst1q_f32(s.wiener_gain[1] + k, gain);
+
+    if (pass.speech_ratio) {
+        alignas(16) float ratio[kLanes];
+        alignas(16) float noise_of[kLanes];
+        vst1q_f32(ratio, vmulq_f32(vmulq_f32(gain, gain), power));
+        vst1q_f32(noise_of, noise);
+        for (int32_t i = 0; i < kLanes; ++i) ratio[i] = SpeechOverNoise(ratio[i], noise_of[i]);
+        vst1q_f32(s.speech_noise_ratio + k,
+                  vmaxq_f32(vmulq_f32(vld1q_f32(ratio), gain), vdupq_n_f32(pass.ratio_floor)));
     }
 }
 
-void NoiseUpdate(BfCoreState &s, int32_t m) {
-    float *scaled_noise = s.ne_prior_snr;  // free until the a-priori SNR
-    float *expected = s.ne_speech;         // free until the speech power
-    for (int32_t k = 0; k < kBins; ++k) scaled_noise[k] = s.noise_psd[m][k];
-    vec_scale(scaled_noise, s.intensity_scale, kBins);
-    MixByProbability(s.ne_presence, s.ne_power, scaled_noise, expected);
-    vec_mix(expected, s.noise_psd[m], kNoiseSmoothing, s.noise_psd[m], kBins);
-}
+void UpdateLast(BfCoreState &s, const MicPass &pass, int32_t k) {
+    const int32_t m = pass.m;
+    const float power = s.ne_power[k];
+    const float gamma = s.ne_posterior_snr[k];
+    const float unit = s.unit_vector[k];
 
-void WienerGain(BfCoreState &s, int32_t m) {
-    float *gamma = s.ne_posterior_snr;
-    float *xi = s.ne_prior_snr;
-    float *gain = s.wiener_gain[m];
-    float *memory = s.prior_snr_memory[m];
+    float noise = power;
+    if (!pass.first_block) {
+        noise = s.noise_psd[m][k];
+        float presence = s.ne_presence[k] * kPresenceOffset + unit;
+        presence = ScalarQuotient(unit, presence);
+        float smoothed = presence;
+        if (!pass.start_smoothed)
+            smoothed = kPresenceSmoothing * presence + kPresenceKeep * s.spp_smoothed[m][k];
+        s.spp_smoothed[m][k] = smoothed;
+        if (smoothed > kPresenceCap && presence > kPresenceCap) presence = kPresenceCap;
 
-    for (int32_t k = 0; k < kBins; ++k) xi[k] = gamma[k] - 1.0f;
-    vec_floor(xi, 0.0f, xi, kBins);
-    vec_mix(xi, memory, kPriorSmoothing, xi, kBins);
-    vec_floor(xi, s.intensity_floor, xi, kBins);
-
-    vec_add(xi, s.unit_vector, s.ne_speech, kBins);
-    vec_divide(xi, s.ne_speech, gain, kBins);
-    vec_mul(gain, gain, memory, kBins);
-    vec_mul(memory, gamma, memory, kBins);
-}
-
-// Estimated speech power over noise power of microphone 0, for the post-filter.
-void SpeechNoiseRatio(BfCoreState &s) {
-    float *speech = s.ne_speech;
-    float *ratio = s.speech_noise_ratio;
-    const float *gain = s.wiener_gain[0];
-    const float *noise = s.noise_psd[0];
-
-    vec_mul(gain, gain, speech, kBins);
-    vec_mul(speech, s.ne_power, speech, kBins);
-    for (int32_t k = 0; k < kBins; ++k) {
-        if (noise[k] >= speech[k]) {
-            // A silent bin (both 0) would give 0/0: it has no speech, ratio 0.
-            ratio[k] = speech[k] > 0.0f ? speech[k] / noise[k] : 0.0f;
-        } else {
-            ratio[k] = 1.0f;
-        }
+        const float scaled_noise = noise * pass.noise_scale;
+        const float expected = (1.0f - presence) * power + presence * scaled_noise;
+        noise = kNoiseSmoothing * expected + kNoiseKeep * noise;
     }
-    vec_mul(ratio, gain, ratio, kBins);
-    int32_t intensity = s.adaptive_intensity;
-    if (intensity < 0) intensity = 0;
-    if (intensity > 4) intensity = 4;
-    vec_floor(ratio, kSpeechRatioFloor[intensity], ratio, kBins);
+    s.noise_psd[m][k] = noise;
+
+    float &memory = s.prior_snr_memory[m][k];
+    float xi = ScalarMax(gamma - 1.0f, 0.0f);
+    xi = kPriorSmoothing * xi + kPriorKeep * memory;
+    xi = ScalarMax(xi, pass.prior_floor);
+    const float gain = ScalarQuotient(xi, xi + unit);
+    memory = gain * gain * gamma;
+    s.wiener_gain[m][k] = gain;
+    if (pass.share_gain) s.wiener_gain[1][k] = gain;
+
+    if (pass.speech_ratio) {
+        const float ratio = SpeechOverNoise(gain * gain * power, noise) * gain;
+        s.speech_noise_ratio[k] = ScalarMax(ratio, pass.ratio_floor);
+    }
 }
 
 }  // namespace
 
 void Bf_NoiseEstimate(BfCoreState &s) {
-    for (int32_t m = 0; m < kMics; ++m) {
-        cplx_power(s.mic_spectrum[m], s.ne_power, kSpectrumFloats);
-        vec_scale(s.ne_power, kPowerScale, kBins);
+    int32_t intensity = s.adaptive_intensity;
+    if (intensity < 0) intensity = 0;
+    if (intensity > 4) intensity = 4;
+    // The equalised microphones share microphone 0's gain.
+    const bool calibrated = s.calibration_flag == 1;
 
-        if (s.noise_counter == 0) {
-            // First block: the noise starts at the block's power; gamma keeps
-            // what its scratch array holds.
-            for (int32_t k = 0; k < kBins; ++k) s.noise_psd[m][k] = s.ne_power[k];
-        } else {
-            SpeechPresence(s, m);
-            NoiseUpdate(s, m);
-        }
-        WienerGain(s, m);
-        if (m == 0 && HasPostFilter(s)) SpeechNoiseRatio(s);
-
-        if (s.calibration_flag == 1) {
-            // The equalised microphones share microphone 0's gain.
-            for (int32_t k = 0; k < kBins; ++k) s.wiener_gain[1][k] = s.wiener_gain[0][k];
-            break;
-        }
+    for (int32_t m = 0; m < (calibrated ? 1 : kMics); ++m) {
+        const MicPass pass{m,
+                           s.noise_counter == 0,
+                           s.noise_counter == 1,
+                           m == 0 && HasPostFilter(s),
+                           calibrated,
+                           s.intensity_scale,
+                           s.intensity_floor,
+                           kSpeechRatioFloor[intensity]};
+        ForEachLaneGroup(
+            kBins, [&](int32_t k) { PowerLanes(s, pass, k); },
+            [&](int32_t k) { PowerLast(s, pass, k); });
+        // Apart so that the passes around it keep their constants in registers.
+        if (!pass.first_block)
+            for (int32_t k = 0; k < kBins; ++k) s.ne_presence[k] = std::exp(s.ne_presence[k]);
+        ForEachLaneGroup(
+            kBins, [&](int32_t k) { UpdateLanes(s, pass, k); },
+            [&](int32_t k) { UpdateLast(s, pass, k); });
     }
     if (s.noise_counter < 2) ++s.noise_counter;
 }

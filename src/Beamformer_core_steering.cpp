@@ -3,9 +3,10 @@
 #include <cstring>
 
 #include "Beamformer_core.h"
-#include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
+using namespace kivbf::lanes;
 
 namespace {
 constexpr float kPowerScale = 256.0f;  // power estimates use the spectrum times 256
@@ -15,25 +16,48 @@ constexpr float kCalibrationFloor = 1e-6f;
 bool HasPostFilter(const BfCoreState &s) { return s.mode == 3 || s.mode == 4; }
 }  // namespace
 
+// gain = sqrt(P0 / (Pm + 1e-6)) from the powers of the spectra scaled by 256,
+// bins 0..127 in lanes and bin 128 with the scalar operations; the floor is
+// added after the scaling by 256^2, where it takes effect.
 void Bf_Calibrate(BfCoreState &s) {
     for (int32_t i = 0; i < kSpectrumFloats; ++i) s.raw_mic1_spectrum[i] = s.mic_spectrum[1][i];
     if (s.calibration_flag != 1) return;
 
-    vec_fill(s.calibration_floor, kCalibrationFloor, kBins);
-    for (int32_t i = 0; i < kSpectrumFloats; ++i) s.fft_buffer[i] = s.mic_spectrum[0][i];
-    vec_scale(s.fft_buffer, kPowerScale, kSpectrumFloats);
-    cplx_power(s.fft_buffer, s.calibration_power, kSpectrumFloats);
-
+    const float *reference = s.mic_spectrum[0];
+    float *gain = s.calibration_gain;
     for (int32_t m = 1; m < kMics; ++m) {
         float *spectrum = s.mic_spectrum[m];
-        for (int32_t i = 0; i < kSpectrumFloats; ++i) s.fft_buffer[i] = spectrum[i];
-        vec_scale(s.fft_buffer, kPowerScale, kSpectrumFloats);
-        cplx_power(s.fft_buffer, s.calibration_gain, kSpectrumFloats);
-        // The floor is added after the scaling by 256^2, where it takes effect.
-        vec_add(s.calibration_gain, s.calibration_floor, s.calibration_gain, kBins);
-        vec_divide(s.calibration_power, s.calibration_gain, s.calibration_gain, kBins);
-        vec_sqrt(s.calibration_gain, s.calibration_gain, kBins);
-        cplx_scale_by_real(spectrum, s.calibration_gain, spectrum, kSpectrumFloats);
+        ForEachLaneGroup(
+            kBins,
+            [&](int32_t k) {
+                const float32x4x2_t x0 = vld2q_f32(reference + 2 * k);
+                const float32x4_t re0 = vmulq_n_f32(x0.val[0], kPowerScale);
+                const float32x4_t im0 = vmulq_n_f32(x0.val[1], kPowerScale);
+                const float32x4_t power0 = vaddq_f32(vmulq_f32(re0, re0), vmulq_f32(im0, im0));
+                float32x4x2_t x = vld2q_f32(spectrum + 2 * k);
+                const float32x4_t re = vmulq_n_f32(x.val[0], kPowerScale);
+                const float32x4_t im = vmulq_n_f32(x.val[1], kPowerScale);
+                float32x4_t g = vaddq_f32(vmulq_f32(re, re), vmulq_f32(im, im));
+                g = vaddq_f32(g, vdupq_n_f32(kCalibrationFloor));
+                g = SquareRoot(vmulq_f32(power0, Reciprocal(g)));
+                vst1q_f32(gain + k, g);
+                x.val[0] = vmulq_f32(x.val[0], g);
+                x.val[1] = vmulq_f32(x.val[1], g);
+                vst2q_f32(spectrum + 2 * k, x);
+            },
+            [&](int32_t k) {
+                const float re0 = reference[2 * k] * kPowerScale;
+                const float im0 = reference[2 * k + 1] * kPowerScale;
+                const float power0 = re0 * re0 + im0 * im0;
+                const float re = spectrum[2 * k] * kPowerScale;
+                const float im = spectrum[2 * k + 1] * kPowerScale;
+                float g = re * re + im * im;
+                g = g + kCalibrationFloor;
+                g = ScalarSquareRoot(ScalarQuotient(power0, g));
+                gain[k] = g;
+                spectrum[2 * k] = spectrum[2 * k] * g;
+                spectrum[2 * k + 1] = spectrum[2 * k + 1] * g;
+            });
     }
 }
 

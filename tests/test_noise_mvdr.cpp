@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <complex>
 #include <memory>
+#include <vector>
 
 #include "Beamformer_core.h"
 
@@ -122,4 +123,22 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
             Weight(*s, 0, k) * Steering(*s, 0, k) + Weight(*s, 1, k) * Steering(*s, 1, k);
         EXPECT_NEAR(std::abs(response - 1.0), 0.0, 1e-5) << k;
     }
+}
+
+TEST(AdaptiveWeights, FollowDirectionAndGeometryChangesExactly) {
+    // A state that has built its weights for another look direction and
+    // microphone spacing ends with exactly the weights of a fresh one.
+    const auto weights_for = [](BfCoreState &s, float angle, float half_spacing) {
+        s.target_angle = angle;
+        s.mic_position[0][0] = -half_spacing;
+        s.mic_position[1][0] = half_spacing;
+        Bf_TargetSteering(s);
+        Bf_AdaptiveWeights(s);
+        return std::vector<float>(&s.beam_weights[0][0], &s.beam_weights[0][0] + 2 * kSpectrumFloats);
+    };
+    auto reused = FreshState();
+    weights_for(*reused, 35.0f, 0.025f);
+    weights_for(*reused, 80.0f, 0.025f);
+    EXPECT_EQ(weights_for(*reused, 80.0f, 0.04f), weights_for(*FreshState(), 80.0f, 0.04f));
+    EXPECT_EQ(weights_for(*reused, 35.0f, 0.025f), weights_for(*FreshState(), 35.0f, 0.025f));
 }

@@ -62,6 +62,25 @@ inline float32x4_t Reciprocal(float32x4_t b) {
 
 inline float ScalarQuotient(float a, float b) { return a / FlushDenormal(b); }
 
+// IEEE division in every lane, for stages whose quotients are exact scalar
+// divisions (not Reciprocal estimates). AArch64 has a vector division; ARMv7
+// NEON has none, so there each lane divides alone. SIMDe keeps float32x4_t as
+// __m128 on x86 but offers no vdivq_f32, so SSE divides the lanes.
+inline float32x4_t ExactQuotient(float32x4_t a, float32x4_t b) {
+#if defined(__aarch64__)
+    return vdivq_f32(a, b);
+#elif !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
+    return _mm_div_ps(a, b);
+#else
+    float x[kLanes];
+    float y[kLanes];
+    vst1q_f32(x, a);
+    vst1q_f32(y, b);
+    for (int32_t i = 0; i < kLanes; ++i) x[i] = x[i] / y[i];
+    return vld1q_f32(x);
+#endif
+}
+
 // sqrt(a) = a * (1 / sqrt(a)): reciprocal square-root estimate with one
 // Newton-Raphson step, then one correction of the root by its residual,
 // s + (a - s^2) / (2 sqrt(a)), which brings an 8-bit estimate to a few ULP.

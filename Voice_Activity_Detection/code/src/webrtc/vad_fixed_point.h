@@ -42,22 +42,20 @@ constexpr int32_t DivW32ByW16(int32_t num, int16_t den) {
     return num / den;
 }
 
-// Sum of squares of x, each square shifted right by `right_shifts` so that
-// the sum of `length` squares of the largest magnitude fits 31 bits. A sample
-// of -32768 does not count towards the largest magnitude (its magnitude wraps
-// to itself), and the sum wraps like a 32-bit register.
-inline int32_t ScaledEnergy(const int16_t *x, size_t length, int &right_shifts) {
-    int16_t peak = -1;
-    for (size_t i = 0; i < length; ++i) {
-        const int16_t magnitude = Wrap16(x[i] > 0 ? x[i] : -x[i]);
-        if (magnitude > peak) peak = magnitude;
-    }
+// Right shift for each square of a band so that the sum of `length` squares of
+// its peak magnitude fits 31 bits. A sample of -32768 does not count towards
+// the peak (its magnitude wraps to itself), so the peak starts at -1.
+inline int EnergyScalingShift(int16_t peak, size_t length) {
     const int16_t headroom = NormSigned32(peak * peak);
     const int length_bits = std::bit_width(static_cast<uint32_t>(length));
-    right_shifts = (peak == 0 || headroom > length_bits) ? 0 : length_bits - headroom;
+    return (peak == 0 || headroom > length_bits) ? 0 : length_bits - headroom;
+}
 
-    int32_t energy = 0;
-    for (size_t i = 0; i < length; ++i) energy = WrapAdd32(energy, (x[i] * x[i]) >> right_shifts);
+// Sum of the squares of x, each shifted right by `shift`; the sum wraps like a
+// 32-bit register.
+inline uint32_t ShiftedEnergy(const int16_t *x, size_t length, int shift) {
+    uint32_t energy = 0;
+    for (size_t i = 0; i < length; ++i) energy += static_cast<uint32_t>((x[i] * x[i]) >> shift);
     return energy;
 }
 

@@ -25,6 +25,29 @@ int ThresholdColumn(size_t frame_length) {
     return 2;
 }
 
+// VadCore_GaussianDensity, inlined into the scoring loop.
+inline int32_t GaussianDensity(int16_t feature, int16_t mean, int16_t std, int16_t &delta) {
+    // 1 / s in Q10 (Q17 / Q7), rounded.
+    const int16_t inv_std = Wrap16(DivW32ByW16(131072 + (std >> 1), std));
+    const int16_t inv_std_q8 = static_cast<int16_t>(inv_std >> 2);
+    const int16_t inv_var = Wrap16((inv_std_q8 * inv_std_q8) >> 2);  // 1 / s^2, Q14
+    const int16_t offset = Wrap16(Wrap16(feature * 8) - mean);       // x - m, Q7
+    delta = Wrap16((inv_var * offset) >> 10);                        // Q11
+    const int32_t exponent = (delta * offset) >> 9;                  // (x - m)^2 / (2 s^2), Q10
+
+    int16_t exp_value = 0;  // Q10
+    if (exponent < kCompVar) {
+        // exp(-e) = 2^(-e log2(e)): integer part as a shift, fraction taken as linear.
+        const int16_t neg_log2 = Wrap16(-Wrap16(WrapMul32(kLog2Exp, exponent) >> 12));  // Q10
+        exp_value = static_cast<int16_t>(0x0400 | (neg_log2 & 0x03FF));
+        // 0..31 for any exponent below kCompVar; the mask only matters for a
+        // wrapped (negative) exponent, and shifts as a 32-bit register does.
+        const int16_t shift = Wrap16((Wrap16(~neg_log2) >> 10) + 1);
+        exp_value = static_cast<int16_t>(exp_value >> (shift & 31));
+    }
+    return inv_std * exp_value;  // Q20
+}
+
 // Share of the first of two mixture components in their sum (Q27 densities),
 // Q14; the second gets the rest. A sum too small to divide by gives the whole
 // share to the first component when `unlikely_goes_first`, otherwise none.
@@ -54,12 +77,12 @@ int16_t ScoreFrame(const VadDetectorState &s, const int16_t features[kBands], in
         for (int k = 0; k < kMixtures; ++k) {
             const int g = band + k * kBands;
             noise_density[k] = kNoiseDataWeights[g] *
-                               VadCore_GaussianDensity(features[band], s.noise_means[g],
-                                                       s.noise_stds[g], scores.noise_delta[g]);
+                               GaussianDensity(features[band], s.noise_means[g], s.noise_stds[g],
+                                               scores.noise_delta[g]);
             noise_sum += noise_density[k];
             speech_density[k] = kSpeechDataWeights[g] *
-                                VadCore_GaussianDensity(features[band], s.speech_means[g],
-                                                        s.speech_stds[g], scores.speech_delta[g]);
+                                GaussianDensity(features[band], s.speech_means[g], s.speech_stds[g],
+                                                scores.speech_delta[g]);
             speech_sum += speech_density[k];
         }
 
@@ -80,16 +103,19 @@ int16_t ScoreFrame(const VadDetectorState &s, const int16_t features[kBands], in
     return speech;
 }
 
+// Weighted sum of both components' means of a band (Q14 for Q7 means and weights).
+int32_t Weighted(const int16_t *means, int band, const int16_t *weights) {
+    return means[band] * weights[band] + means[band + kBands] * weights[band + kBands];
+}
+
 // Adds `offset` to both components' means of a band and returns their
 // weighted sum (Q14 for Q7 means and weights).
 int32_t ShiftAndWeigh(int16_t *means, int band, int16_t offset, const int16_t *weights) {
-    int32_t weighted = 0;
     for (int k = 0; k < kMixtures; ++k) {
-        const int g = band + k * kBands;
-        means[g] = Wrap16(means[g] + offset);
-        weighted += means[g] * weights[g];
+        int16_t &mean = means[band + k * kBands];
+        mean = Wrap16(mean + offset);
     }
-    return weighted;
+    return Weighted(means, band, weights);
 }
 
 // Deviation step (Q7) from a Q20 numerator over a Q7 deviation, rounded by
@@ -141,7 +167,7 @@ void AdaptSpeechGaussian(VadDetectorState &s, int g, int k, int16_t feature, int
 void AdaptBand(VadDetectorState &s, int band, int16_t feature, int16_t speech,
                const FrameScores &scores) {
     const int16_t floor_q4 = VadCore_TrackMinimum(s, feature, band);
-    const int32_t noise_mean_q14 = ShiftAndWeigh(s.noise_means, band, 0, kNoiseDataWeights);
+    const int32_t noise_mean_q14 = Weighted(s.noise_means, band, kNoiseDataWeights);
     const int16_t noise_mean_q8 = Wrap16(noise_mean_q14 >> 6);
     // The speech-mean ceiling of a band is borrowed from the band below.
     const int16_t mean_ceiling =
@@ -174,8 +200,8 @@ void AdaptBand(VadDetectorState &s, int band, int16_t feature, int16_t speech,
 
     // Keep the two models apart: move speech up by ~0.8 and noise down by ~0.2
     // of the shortfall.
-    int32_t noise_weighted = ShiftAndWeigh(s.noise_means, band, 0, kNoiseDataWeights);
-    int32_t speech_weighted = ShiftAndWeigh(s.speech_means, band, 0, kSpeechDataWeights);
+    int32_t noise_weighted = Weighted(s.noise_means, band, kNoiseDataWeights);
+    int32_t speech_weighted = Weighted(s.speech_means, band, kSpeechDataWeights);
     const int16_t separation = Wrap16(Wrap16(speech_weighted >> 9) - Wrap16(noise_weighted >> 9));  // Q5
     if (separation < kMinimumDifference[band]) {
         const int16_t shortfall = Wrap16(kMinimumDifference[band] - separation);
@@ -240,25 +266,7 @@ int16_t ApplyHangover(VadDetectorState &s, int16_t speech, int column) {
 }  // namespace
 
 int32_t VadCore_GaussianDensity(int16_t feature, int16_t mean, int16_t std, int16_t &delta) {
-    // 1 / s in Q10 (Q17 / Q7), rounded.
-    const int16_t inv_std = Wrap16(DivW32ByW16(131072 + (std >> 1), std));
-    const int16_t inv_std_q8 = static_cast<int16_t>(inv_std >> 2);
-    const int16_t inv_var = Wrap16((inv_std_q8 * inv_std_q8) >> 2);  // 1 / s^2, Q14
-    const int16_t offset = Wrap16(Wrap16(feature * 8) - mean);       // x - m, Q7
-    delta = Wrap16((inv_var * offset) >> 10);                        // Q11
-    const int32_t exponent = (delta * offset) >> 9;                  // (x - m)^2 / (2 s^2), Q10
-
-    int16_t exp_value = 0;  // Q10
-    if (exponent < kCompVar) {
-        // exp(-e) = 2^(-e log2(e)): integer part as a shift, fraction taken as linear.
-        const int16_t neg_log2 = Wrap16(-Wrap16(WrapMul32(kLog2Exp, exponent) >> 12));  // Q10
-        exp_value = static_cast<int16_t>(0x0400 | (neg_log2 & 0x03FF));
-        // 0..31 for any exponent below kCompVar; the mask only matters for a
-        // wrapped (negative) exponent, and shifts as a 32-bit register does.
-        const int16_t shift = Wrap16((Wrap16(~neg_log2) >> 10) + 1);
-        exp_value = static_cast<int16_t>(exp_value >> (shift & 31));
-    }
-    return inv_std * exp_value;  // Q20
+    return GaussianDensity(feature, mean, std, delta);
 }
 
 int16_t GmmProbability(VadDetectorState &s, const int16_t features[kBands], int16_t total_energy,

@@ -53,14 +53,11 @@ int32_t VadCore_Process(VadDetectorState &s, const int16_t *frame, int16_t *down
     if (s.init_marker != kInitCheck || s.frame_length > kMaxInputFrame) return -1;
 
     const size_t classified_length = s.frame_length / 2;
-    const int16_t *classified = frame;
-    if (s.resample_by_two != 0) {
-        VadCore_Downsample(frame, s.frame_length, downsampled, s.downsampler_state);
-        classified = downsampled;
-    }
-
     int16_t features[kBands];
-    const int16_t total_energy = VadCore_BandFeatures(s, classified, classified_length, features);
+    const int16_t total_energy =
+        s.resample_by_two != 0
+            ? VadCore_DownsampledBandFeatures(s, frame, s.frame_length, downsampled, features)
+            : VadCore_BandFeatures(s, frame, classified_length, features);
     s.decision = GmmProbability(s, features, total_energy, classified_length, msg_level);
     return s.decision > 0 ? 1 : 0;
 }

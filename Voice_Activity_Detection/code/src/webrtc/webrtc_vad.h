@@ -85,6 +85,13 @@ void VadCore_Downsample(const int16_t *in, size_t in_length, int16_t *out, int32
 int16_t VadCore_BandFeatures(VadDetectorState &s, const int16_t *frame, size_t length,
                              int16_t features[kBands]);
 
+// Halves a 16 kHz frame of `frame_length` samples into `downsampled` and
+// returns what VadCore_BandFeatures gives for the halved frame; the same
+// result as VadCore_Downsample followed by VadCore_BandFeatures, in one pass.
+int16_t VadCore_DownsampledBandFeatures(VadDetectorState &s, const int16_t *frame,
+                                        size_t frame_length, int16_t *downsampled,
+                                        int16_t features[kBands]);
+
 // Remembers `feature` among the band's smallest recent values and returns the
 // smoothed median of the five smallest, Q4.
 int16_t VadCore_TrackMinimum(VadDetectorState &s, int16_t feature, int band);
