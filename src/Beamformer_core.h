@@ -125,8 +125,6 @@ struct BfCoreState {
     // --- Calibration and target steering --------------------------------------------
     BF_ALIGN float raw_mic1_spectrum[kivbf::kSpectrumFloats];  // microphone 1 before calibration
     BF_ALIGN float calibration_gain[kivbf::kBins];
-    BF_ALIGN float calibration_power[kivbf::kBins];
-    BF_ALIGN float calibration_floor[kivbf::kBins];
     float steer_delay[kivbf::kMics];  // 2 pi (position . direction) / c
     BF_ALIGN float target_steering[kivbf::kSpectrumFloats];  // exp(-j f (tau1 - tau0)), modes 3, 4
     float target_steering_delay[kivbf::kMics];  // steer_delay that target_steering was built from
@@ -141,9 +139,7 @@ struct BfCoreState {
     BF_ALIGN float speech_noise_ratio[kivbf::kBins];  // modes 3, 4; from microphone 0
     BF_ALIGN float ne_power[kivbf::kBins];            // scratch: P
     BF_ALIGN float ne_posterior_snr[kivbf::kBins];    // scratch: gamma
-    BF_ALIGN float ne_presence[kivbf::kBins];         // scratch: p
-    BF_ALIGN float ne_prior_snr[kivbf::kBins];        // scratch: xi
-    BF_ALIGN float ne_speech[kivbf::kBins];           // scratch: S
+    BF_ALIGN float ne_presence[kivbf::kBins];         // scratch: exp(-0.969 gamma), then p
     uint16_t noise_counter;                           // 0, 1, 2 (stays at 2)
 
     // --- Noise spatial covariance -----------------------------------------------------
@@ -169,12 +165,9 @@ struct BfCoreState {
     uint16_t coherence_counter;  // 0..10
 
     // --- Beam sum and sidelobe canceller ----------------------------------------------
-    BF_ALIGN float beam_output[kivbf::kSpectrumFloats];  // Y, then the canceller's error E
-    BF_ALIGN float noise_reference[kivbf::kSpectrumFloats];       // U
+    BF_ALIGN float beam_output[kivbf::kSpectrumFloats];      // Y, then the canceller's error E
     BF_ALIGN float anc_filter[kivbf::kSpectrumFloats];            // H, one tap per bin
-    BF_ALIGN float anc_output[kivbf::kSpectrumFloats];            // prediction P
     BF_ALIGN float reference_power[kivbf::kBins];                 // S, floored at 1e-6
-    BF_ALIGN float normalised_reference[kivbf::kSpectrumFloats];  // U / S
     BF_ALIGN float scratch_re[kivbf::kBins];
     BF_ALIGN float scratch_im[kivbf::kBins];
     BF_ALIGN float scratch_complex[kivbf::kSpectrumFloats];
