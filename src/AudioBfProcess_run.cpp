@@ -1,4 +1,5 @@
 // KivBf_Run: one block through the beamformer.
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -39,18 +40,23 @@ void StageInput(BfCoreState &s, const int16_t *input) {
 }
 
 // Slides each channel's analysis window by one block. Dividing by 32768 is
-// exact, so the product by its reciprocal gives the same floats.
+// exact, so the product by its reciprocal gives the same floats. Eight
+// samples read as four 32-bit words hold the even samples in their low halves
+// and the odd ones in their high halves; arithmetic shifts sign-extend both.
 void UpdateInputWindows(BfCoreState &s) {
+    static_assert(std::endian::native == std::endian::little, "sample order within a word");
     constexpr float kInverseScale = 1.0f / kPcmScale;
     for (int32_t ch = 0; ch < kMics; ++ch) {
         float *window = s.input_window[ch];
         std::memcpy(window, window + kHop, sizeof(float) * kHop);
         for (int32_t i = 0; i < kHop; i += 8) {
-            const int16x8_t samples = vld1q_s16(s.staging_block[ch] + i);
-            const float32x4_t first = vcvtq_f32_s32(vmovl_s16(vget_low_s16(samples)));
-            const float32x4_t second = vcvtq_f32_s32(vmovl_s16(vget_high_s16(samples)));
-            vst1q_f32(window + kHop + i, vmulq_n_f32(first, kInverseScale));
-            vst1q_f32(window + kHop + i + 4, vmulq_n_f32(second, kInverseScale));
+            const int32x4_t words = vreinterpretq_s32_s16(vld1q_s16(s.staging_block[ch] + i));
+            float32x4x2_t samples;
+            samples.val[0] = vcvtq_f32_s32(vshrq_n_s32(vshlq_n_s32(words, 16), 16));
+            samples.val[1] = vcvtq_f32_s32(vshrq_n_s32(words, 16));
+            samples.val[0] = vmulq_n_f32(samples.val[0], kInverseScale);
+            samples.val[1] = vmulq_n_f32(samples.val[1], kInverseScale);
+            vst2q_f32(window + kHop + i, samples);
         }
     }
 }

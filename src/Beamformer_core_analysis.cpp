@@ -10,15 +10,16 @@ constexpr float kPcmScale = 32768.0f;  // internal full scale 1.0 back to 16-bit
 constexpr size_t kSpectrumBytes = sizeof(float) * kivbf::kSpectrumFloats;
 }  // namespace
 
+// Each microphone's frame is windowed and transformed in its own spectrum
+// array, which the in-place transform leaves holding the spectrum.
 void Bf_Analysis(BfCoreState &s) {
     for (int32_t ch = 0; ch < kivbf::kMics; ++ch) {
-        std::memcpy(s.fft_buffer, s.input_window[ch], sizeof s.input_window[ch]);
-        s.fft_buffer[kivbf::kFftSize] = 0.0f;  // the two floats past the frame
-        s.fft_buffer[kivbf::kFftSize + 1] = 0.0f;
-        WindowFilter_Apply(s.fft_buffer, WINDOW_ANALYSIS);
-        FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_FORWARD, s.fft_buffer, s.fft_work_ip,
-                 s.fft_work_w);
-        std::memcpy(s.mic_spectrum[ch], s.fft_buffer, kSpectrumBytes);
+        float *frame = s.mic_spectrum[ch];
+        std::memcpy(frame, s.input_window[ch], sizeof s.input_window[ch]);
+        frame[kivbf::kFftSize] = 0.0f;  // the two floats past the frame
+        frame[kivbf::kFftSize + 1] = 0.0f;
+        WindowFilter_Apply(frame, WINDOW_ANALYSIS);
+        FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_FORWARD, frame, s.fft_work_ip, s.fft_work_w);
     }
 }
 

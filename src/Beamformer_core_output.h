@@ -17,10 +17,13 @@ inline int16_t Bf_PcmSample(float accumulated, float output_gain) {
     double quotient = static_cast<double>(gained) / 0.7;
     // A quotient outside the int32 range (or NaN) has no defined conversion;
     // treat it as the saturating hardware conversion of the target would.
-    if (std::isnan(quotient)) quotient = 0.0;
+    // One test (false for NaN) keeps the common case free of the others.
     constexpr double kLow = static_cast<double>(std::numeric_limits<int32_t>::min());
     constexpr double kHigh = static_cast<double>(std::numeric_limits<int32_t>::max());
-    quotient = quotient < kLow ? kLow : (quotient > kHigh ? kHigh : quotient);
+    if (!(quotient > kLow && quotient < kHigh)) {
+        if (std::isnan(quotient)) quotient = 0.0;
+        quotient = quotient < kLow ? kLow : (quotient > kHigh ? kHigh : quotient);
+    }
     const int32_t truncated = static_cast<int32_t>(quotient);
     if constexpr (kSaturate) {
         if (truncated > 32767) return 32767;

@@ -112,12 +112,17 @@ void FFT_Rdft(FftRecord *record, int32_t n, int32_t direction, float *data, cons
         kiss_fftr(ForwardConfig(*record), data, spectrum);
         std::memcpy(data, record->fft_scratch, SpectrumBytes(n));
     } else if (direction == FFT_INVERSE) {
-        if (data != nullptr) {
-            std::memcpy(record->fft_scratch, data, SpectrumBytes(n));
-            std::memset(data, 0, static_cast<size_t>(n + 2) * sizeof(float));
-        }
+        if (data != nullptr) std::memcpy(record->fft_scratch, data, SpectrumBytes(n));
         const bool incomplete = ReportNullArguments(*record, data, ip, w, __func__);
-        if (incomplete && (record->fft_Ne10_cfg == nullptr || data == nullptr)) return;
+        if (incomplete && (record->fft_Ne10_cfg == nullptr || data == nullptr)) {
+            // The spectrum has been taken; the array is left cleared.
+            if (data != nullptr) std::memset(data, 0, static_cast<size_t>(n + 2) * sizeof(float));
+            return;
+        }
+        // The transform writes the n time samples; the two floats past them
+        // are cleared here.
+        data[n] = 0.0f;
+        data[n + 1] = 0.0f;
         const auto *spectrum = reinterpret_cast<const kiss_fft_cpx *>(record->fft_scratch);
         kiss_fftri(InverseConfig(*record, n), spectrum, data);
         vec_scale(data, 1.0f / static_cast<float>(n), n);

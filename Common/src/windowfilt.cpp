@@ -12,7 +12,7 @@ constexpr int32_t kLanes = kivbf::lanes::kLanes;
 // window read backwards from the rising half.
 float32x4_t LoadReversed(const float *table, int32_t i) {
     const float32x4_t v = vrev64q_f32(vld1q_f32(table + i - 3));  // t[i-2] t[i-3] t[i] t[i-1]
-    return vcombine_f32(vget_high_f32(v), vget_low_f32(v));
+    return vextq_f32(v, v, 2);
 }
 
 }  // namespace
