@@ -144,7 +144,10 @@ struct BfCoreState {
 
     // --- Noise spatial covariance -----------------------------------------------------
     uint16_t cov_counter;  // updates so far (13 at most, or 0/1)
-    BF_ALIGN float noise_covariance[kivbf::kBins][8];  // Phi per bin, 2 x 2 complex
+    // Phi per bin, 2 x 2 complex, stored element by element so that four bins'
+    // values of one element are adjacent: element e of bin k is [e][k], with e
+    // running re00 im00 re01 im01 re10 im10 re11 im11.
+    BF_ALIGN float noise_covariance[8][kivbf::kBins];
 
     // --- Adaptive MVDR weights ----------------------------------------------------------
     BF_ALIGN float mvdr_steering[4][kivbf::kBins];  // d: rows cos, sin of microphone 0, then of 1

@@ -8,11 +8,9 @@
 using namespace kivbf;
 
 void Bf_ResetCovariance(BfCoreState &s) {
-    for (float(&matrix)[8] : s.noise_covariance) {
-        for (float &value : matrix) value = 0.0f;
-        matrix[0] = 1.0f;  // (0, 0) real
-        matrix[6] = 1.0f;  // (1, 1) real
-    }
+    constexpr int32_t kDiagonalReal[] = {0, 6};  // (0, 0) and (1, 1), real parts
+    for (float(&element)[kBins] : s.noise_covariance) vec_fill(element, 0.0f, kBins);
+    for (int32_t e : kDiagonalReal) vec_fill(s.noise_covariance[e], 1.0f, kBins);
 }
 
 void Bf_ResetCanceller(BfCoreState &s) {

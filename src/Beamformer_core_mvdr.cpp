@@ -129,46 +129,26 @@ inline Weights<T> MvdrWeights(const Cmat2Parts<T> &phi, T loading, T c0, T s0, T
     return w;
 }
 
-// Phi of one bin in split form; float Phi[8] is re00 im00 re01 im01 re10 im10
-// re11 im11.
-Cmat2Parts<float> LoadPhi(const float *phi) {
-    return {{phi[0], phi[2], phi[4], phi[6]}, {phi[1], phi[3], phi[5], phi[7]}};
+using Covariance = float[kCmat2Floats][kBins];
+
+// Phi of bin k in split form.
+Cmat2Parts<float> LoadPhi(const Covariance &phi, int32_t k) {
+    return {{phi[0][k], phi[2][k], phi[4][k], phi[6][k]}, {phi[1][k], phi[3][k], phi[5][k], phi[7][k]}};
 }
 
-// Rows in, columns out: lane i of result j is lane j of row i (its own inverse).
-void Transpose(float32x4_t &r0, float32x4_t &r1, float32x4_t &r2, float32x4_t &r3) {
-    const float32x4x2_t even = vzipq_f32(r0, r2);
-    const float32x4x2_t odd = vzipq_f32(r1, r3);
-    const float32x4x2_t low = vzipq_f32(even.val[0], odd.val[0]);
-    const float32x4x2_t high = vzipq_f32(even.val[1], odd.val[1]);
-    r0 = low.val[0];
-    r1 = low.val[1];
-    r2 = high.val[0];
-    r3 = high.val[1];
-}
-
-// Phi of bins k .. k + 3 (from `phi`, bin k's matrix): element e of the four
-// bins in lanes[e].
+// Phi of bins k .. k + 3: element e of the four bins in lanes[e].
 struct PhiLanes {
     float32x4_t lanes[kCmat2Floats];
 };
 
-PhiLanes LoadPhiLanes(const float *phi) {
+PhiLanes LoadPhiLanes(const Covariance &phi, int32_t k) {
     PhiLanes out;
-    for (int32_t half = 0; half < 2; ++half) {
-        float32x4_t *rows = out.lanes + 4 * half;
-        for (int32_t i = 0; i < kLanes; ++i) rows[i] = vld1q_f32(phi + kCmat2Floats * i + 4 * half);
-        Transpose(rows[0], rows[1], rows[2], rows[3]);
-    }
+    for (int32_t e = 0; e < kCmat2Floats; ++e) out.lanes[e] = vld1q_f32(phi[e] + k);
     return out;
 }
 
-void StorePhiLanes(PhiLanes in, float *phi) {
-    for (int32_t half = 0; half < 2; ++half) {
-        float32x4_t *rows = in.lanes + 4 * half;
-        Transpose(rows[0], rows[1], rows[2], rows[3]);
-        for (int32_t i = 0; i < kLanes; ++i) vst1q_f32(phi + kCmat2Floats * i + 4 * half, rows[i]);
-    }
+void StorePhiLanes(const PhiLanes &in, Covariance &phi, int32_t k) {
+    for (int32_t e = 0; e < kCmat2Floats; ++e) vst1q_f32(phi[e] + k, in.lanes[e]);
 }
 
 Cmat2Parts<Float4> PartsOf(const PhiLanes &p) {
@@ -229,7 +209,7 @@ BlockAveraging AveragingOf(const BfCoreState &s) {
 // under the forgetting; once subnormal it never reaches zero (0.9 times the
 // smallest subnormal rounds back to it) and slows every later block on cores
 // without flush-to-zero.
-void AverageAndFlush(const float32x4_t *normalised, float32x4_t *phi, int32_t count,
+[[gnu::always_inline]] inline void AverageAndFlush(const float32x4_t *normalised, float32x4_t *phi, int32_t count,
                      const BlockAveraging &a) {
     switch (a.form) {
         case Averaging::kForgetting: {
@@ -262,11 +242,13 @@ void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAve
         const float noise_share = 1.0f - s.wiener_gain[0][k];
         for (float32x4_t &half : normalised) half = vmulq_n_f32(half, noise_share);
     }
-    float *phi = s.noise_covariance[k];
+    float phi[kCmat2Floats];
+    for (int32_t e = 0; e < kCmat2Floats; ++e) phi[e] = s.noise_covariance[e][k];
     float32x4_t average[2] = {vld1q_f32(phi), vld1q_f32(phi + 4)};
     AverageAndFlush(normalised, average, 2, averaging);
     vst1q_f32(phi, average[0]);
     vst1q_f32(phi + 4, average[1]);
+    for (int32_t e = 0; e < kCmat2Floats; ++e) s.noise_covariance[e][k] = phi[e];
 }
 
 // Bins k .. k + 3; the snapshot's double-precision weighting runs per bin.
@@ -282,10 +264,9 @@ void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockA
         const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[0] + k));
         for (float32x4_t &lane : normalised.lanes) lane = vmulq_f32(lane, noise_share);
     }
-    float *phi = s.noise_covariance[k];
-    PhiLanes average = LoadPhiLanes(phi);
+    PhiLanes average = LoadPhiLanes(s.noise_covariance, k);
     AverageAndFlush(normalised.lanes, average.lanes, kCmat2Floats, averaging);
-    StorePhiLanes(average, phi);
+    StorePhiLanes(average, s.noise_covariance, k);
 }
 
 }  // namespace
@@ -313,7 +294,7 @@ void Bf_AdaptiveWeights(BfCoreState &s) {
     for (; k < kLaneBins; k += kLanes) {
         const auto d = [&](int32_t row) { return Float4(vld1q_f32(s.mvdr_steering[row] + k)); };
         const Weights<Float4> w =
-            MvdrWeights(PartsOf(LoadPhiLanes(s.noise_covariance[k])),
+            MvdrWeights(PartsOf(LoadPhiLanes(s.noise_covariance, k)),
                         Float4(vld1q_f32(s.bin_loading + k)), d(0), d(1), d(2), d(3));
         for (int32_t m = 0; m < kMics; ++m) {
             const float32x4x2_t interleaved = vzipq_f32(w.re[m].v, w.im[m].v);
@@ -324,7 +305,7 @@ void Bf_AdaptiveWeights(BfCoreState &s) {
     for (; k < kBins; ++k) {
         const auto d = [&](int32_t row) { return s.mvdr_steering[row][k]; };
         const Weights<float> w =
-            MvdrWeights(LoadPhi(s.noise_covariance[k]), s.bin_loading[k], d(0), d(1), d(2), d(3));
+            MvdrWeights(LoadPhi(s.noise_covariance, k), s.bin_loading[k], d(0), d(1), d(2), d(3));
         for (int32_t m = 0; m < kMics; ++m) {
             s.beam_weights[m][2 * k] = w.re[m];
             s.beam_weights[m][2 * k + 1] = w.im[m];

@@ -84,7 +84,7 @@ TEST(NoiseCovariance, RunningMeanOfThirteenThenForgettingOneTwelfth) {
     const cf x{0.02f, -0.01f};
     const auto expect_matrix = [&](float a00, float a01, float a11) {
         const float expected[8] = {a00, 0.0f, a01, 0.0f, a01, 0.0f, a11, 0.0f};
-        for (int i = 0; i < 8; ++i) EXPECT_NEAR(s->noise_covariance[64][i], expected[i], 1e-5f);
+        for (int i = 0; i < 8; ++i) EXPECT_NEAR(s->noise_covariance[i][64], expected[i], 1e-5f);
     };
     for (int i = 0; i < 14; ++i) {
         // Normalised [[.5, .5], [.5, .5]] twelve times, then [[1, 0], [0, 0]].
@@ -115,7 +115,7 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
         const float a = 0.3f + 0.002f * k;
         const cf b = std::polar(0.25f, 0.05f * k);
         const float phi[8] = {a, 0.0f, b.real(), b.imag(), b.real(), -b.imag(), 1.0f - a, 0.0f};
-        std::copy(phi, phi + 8, s->noise_covariance[k]);
+        for (int e = 0; e < 8; ++e) s->noise_covariance[e][k] = phi[e];
     }
     Bf_AdaptiveWeights(*s);
     for (int32_t k = 0; k < kBins; ++k) {

@@ -88,8 +88,9 @@ TEST(Robustness, NearSilentDecayLeavesNoSubnormalCovariance) {
         ASSERT_EQ(KivBf_Run(h, input, output, &direction), KIVBF_OK);
     }
     int subnormals = 0;
-    for (const float *matrix : Bf_StateOf(h)->noise_covariance)
-        for (int i = 0; i < 8; ++i) subnormals += std::fpclassify(matrix[i]) == FP_SUBNORMAL;
+    for (const float *element : Bf_StateOf(h)->noise_covariance)
+        for (int k = 0; k < kivbf::kBins; ++k)
+            subnormals += std::fpclassify(element[k]) == FP_SUBNORMAL;
     EXPECT_EQ(subnormals, 0);
 }
 
