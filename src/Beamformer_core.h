@@ -19,7 +19,6 @@ namespace kivbf {
 inline constexpr int32_t kHistoryBlocks = 5;   // blocks averaged by the coherence stages
 inline constexpr int32_t kSmoothTaps = 22;     // post-filter smoothing kernel
 inline constexpr int32_t kPadLength = kBins + 2 * (kSmoothTaps - 1);  // 171
-inline constexpr int32_t kConvLength = kPadLength - kSmoothTaps + 1;  // 150
 }  // namespace kivbf
 
 #define BF_ALIGN alignas(16)
@@ -159,8 +158,6 @@ struct BfCoreState {
     BF_ALIGN float avg_power[kivbf::kMics][kivbf::kBins];
     BF_ALIGN float cross_history[kivbf::kHistoryBlocks][kivbf::kSpectrumFloats];
     BF_ALIGN float avg_cross[kivbf::kSpectrumFloats];
-    BF_ALIGN float scaled_mic1[kivbf::kSpectrumFloats];  // scratch: 256 x raw microphone 1
-    BF_ALIGN float coherence[kivbf::kBins];              // scratch: per-bin coherence
     BF_ALIGN float direction_score[kivbf::kBins];
     BF_ALIGN float direction_weight[kivbf::kBins];
     float mean_coherence;
@@ -168,18 +165,13 @@ struct BfCoreState {
     uint16_t coherence_counter;  // 0..10
 
     // --- Beam sum and sidelobe canceller ----------------------------------------------
-    BF_ALIGN float beam_output[kivbf::kSpectrumFloats];      // Y, then the canceller's error E
-    BF_ALIGN float anc_filter[kivbf::kSpectrumFloats];            // H, one tap per bin
-    BF_ALIGN float reference_power[kivbf::kBins];                 // S, floored at 1e-6
-    BF_ALIGN float scratch_re[kivbf::kBins];
-    BF_ALIGN float scratch_im[kivbf::kBins];
-    BF_ALIGN float scratch_complex[kivbf::kSpectrumFloats];
+    BF_ALIGN float beam_output[kivbf::kSpectrumFloats];  // Y, then the canceller's error E
+    BF_ALIGN float anc_filter[kivbf::kSpectrumFloats];   // H, one tap per bin
+    BF_ALIGN float reference_power[kivbf::kBins];        // S, floored at 1e-6
 
     // --- Post-filter (modes 3, 4) -------------------------------------------------------
     BF_ALIGN float speech_presence[kivbf::kBins];  // second gain array; 1.0, never rewritten
     BF_ALIGN float pf_raw_gain[kivbf::kBins];      // unsmoothed gain; persists
-    BF_ALIGN float pf_pad_buffer[kivbf::kPadLength];
-    BF_ALIGN float pf_conv_out[kivbf::kConvLength];
 
     // --- Region 2: the VAD instance, last ---------------------------------------------
     void *vad_instance;

@@ -8,9 +8,10 @@
 #include <cmath>
 
 #include "Beamformer_core.h"
-#include "vector_kernels.h"
+#include "vector_lanes.h"
 
 using namespace kivbf;
+using namespace kivbf::lanes;
 
 namespace {
 
@@ -21,17 +22,15 @@ constexpr int32_t kWideScoreFirst = 16;
 constexpr int32_t kWideScoreCount = 72;  // bins 16..87
 
 // Bins each band weight scales: 0..7 low, 8..31 mid, 32..128 wide.
-constexpr int32_t kLowBins = 8;
 constexpr int32_t kMidFirst = 8;
-constexpr int32_t kMidBins = 24;
 constexpr int32_t kWideFirst = 32;
-constexpr int32_t kWideBins = kBins - kWideFirst;
+constexpr int32_t kLastBin = kBins - 1;  // bins 0..127 fill the lanes; 128 is the tail
 
 constexpr double kNewShare = 0.99;
 constexpr double kOldShare = 1.0 - kNewShare;
 
-float SumScores(const float *score, int32_t first, int32_t count) {
-    float sum = 0.0f;
+// sum + score[first] + ... + score[first + count - 1], added in that order.
+float AddScores(float sum, const float *score, int32_t first, int32_t count) {
     for (int32_t k = first; k < first + count; ++k) {
         sum += score[k];
     }
@@ -49,15 +48,26 @@ float SmoothBandWeight(float old_weight, float score_sum, int32_t count, float s
     return static_cast<float>(kOldShare * old_weight + kNewShare / logistic_denominator);
 }
 
+// weight[first..end-1] x band, four lanes at a time.
+void ScaleLanes(float *weight, int32_t first, int32_t end, float band) {
+    for (int32_t k = first; k < end; k += kLanes)
+        vst1q_f32(weight + k, vmulq_n_f32(vld1q_f32(weight + k), band));
+}
+
 }  // namespace
 
 void Bf_BandWeighting(BfCoreState &s) {
     if (s.coherent_flag != 1) {
-        vec_fill(s.direction_weight, 1.0f, kBins);
+        const float32x4_t unity = vdupq_n_f32(1.0f);
+        for (int32_t k = 0; k < kLastBin; k += kLanes) vst1q_f32(s.direction_weight + k, unity);
+        s.direction_weight[kLastBin] = 1.0f;
         return;
     }
-    const float low_sum = SumScores(s.direction_score, kLowScoreFirst, kLowScoreCount);
-    const float wide_sum = SumScores(s.direction_score, kWideScoreFirst, kWideScoreCount);
+    // The low bins open the wide range, so the wide sum goes on from the low one.
+    static_assert(kWideScoreFirst == kLowScoreFirst && kWideScoreCount > kLowScoreCount);
+    const float low_sum = AddScores(0.0f, s.direction_score, kLowScoreFirst, kLowScoreCount);
+    const float wide_sum = AddScores(low_sum, s.direction_score, kLowScoreFirst + kLowScoreCount,
+                                     kWideScoreCount - kLowScoreCount);
     s.band_weight_low = SmoothBandWeight(s.band_weight_low, low_sum, kLowScoreCount,
                                          s.mode3_scale, s.intensity_limit);
     s.band_weight_wide = SmoothBandWeight(s.band_weight_wide, wide_sum, kWideScoreCount,
@@ -67,7 +77,8 @@ void Bf_BandWeighting(BfCoreState &s) {
     s.band_weight_mid =
         static_cast<float>(kOldShare * s.band_weight_mid + kNewShare * geometric_mean);
 
-    vec_scale(s.direction_weight, s.band_weight_low, kLowBins);
-    vec_scale(s.direction_weight + kMidFirst, s.band_weight_mid, kMidBins);
-    vec_scale(s.direction_weight + kWideFirst, s.band_weight_wide, kWideBins);
+    ScaleLanes(s.direction_weight, 0, kMidFirst, s.band_weight_low);
+    ScaleLanes(s.direction_weight, kMidFirst, kWideFirst, s.band_weight_mid);
+    ScaleLanes(s.direction_weight, kWideFirst, kLastBin, s.band_weight_wide);
+    s.direction_weight[kLastBin] *= s.band_weight_wide;
 }

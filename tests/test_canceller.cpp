@@ -34,9 +34,10 @@ TEST(Canceller, TargetOnlyInputLeavesTheBeamAndOnlyLeaksBoundedTaps) {
     }
     for (int k = 0; k < kBins; ++k) SetBin(s->steering_phase, k, std::polar(1.0, 0.02 * k));
     Bf_ResetCanceller(*s);
-    cplx_mul_real(s->steering_phase, s->mic_spectrum[0], s->scratch_re, 258, 1);
-    cplx_mul_imag(s->steering_phase, s->mic_spectrum[0], s->scratch_im, 258, 1);
-    cplx_interleave(s->scratch_re, s->scratch_im, s->mic_spectrum[1], kBins);
+    float re[kBins], im[kBins];
+    cplx_mul_real(s->steering_phase, s->mic_spectrum[0], re, 258, 1);
+    cplx_mul_imag(s->steering_phase, s->mic_spectrum[0], im, 258, 1);
+    cplx_interleave(re, im, s->mic_spectrum[1], kBins);
     SetBin(s->anc_filter, 3, std::polar(3.0 / 0.997, 0.8));
     SetBin(s->anc_filter, 4, std::polar(1.5 / 0.997, -2.0));
     SetBin(s->anc_filter, 5, 0.0);  // 2 / |H| must not become NaN
