@@ -5,30 +5,46 @@
 
 namespace {
 
-constexpr int32_t kHalfFrame = 128;  // the filter always works on 256 samples
-constexpr int32_t kLanes = kivbf::lanes::kLanes;
+constexpr int32_t kFrame = 256;
+constexpr int32_t kHalfFrame = kFrame / 2;
 
-// table[i], table[i - 1], table[i - 2], table[i - 3]: the falling half of the
-// window read backwards from the rising half.
-float32x4_t LoadReversed(const float *table, int32_t i) {
-    const float32x4_t v = vrev64q_f32(vld1q_f32(table + i - 3));  // t[i-2] t[i-3] t[i] t[i-1]
-    return vextq_f32(v, v, 2);
+struct FullWindow {
+    alignas(16) float w[kFrame];
+};
+
+// The whole window from its rising half, mirrored at compile time.
+constexpr FullWindow Mirror(const float *half) {
+    FullWindow full{};
+    for (int32_t n = 0; n < kHalfFrame; ++n) {
+        full.w[n] = half[n];
+        full.w[kHalfFrame + n] = half[kHalfFrame - n];
+    }
+    return full;
+}
+
+constexpr FullWindow kAnalysisWindow = Mirror(FftInWindow);
+constexpr FullWindow kSynthesisWindow = Mirror(FftOutWindow);
+
+const float *WindowOf(int32_t selector) {
+    if (selector == WINDOW_ANALYSIS) return kAnalysisWindow.w;
+    if (selector == WINDOW_SYNTHESIS) return kSynthesisWindow.w;
+    return nullptr;
 }
 
 }  // namespace
 
 void WindowFilter_Apply(float *frame, int32_t selector) {
-    const float *table = nullptr;
-    if (selector == WINDOW_ANALYSIS) {
-        table = FftInWindow;
-    } else if (selector == WINDOW_SYNTHESIS) {
-        table = FftOutWindow;
-    } else {
-        return;
-    }
-    for (int32_t n = 0; n < kHalfFrame; n += kLanes) {
-        vst1q_f32(frame + n, vmulq_f32(vld1q_f32(frame + n), vld1q_f32(table + n)));
-        float *falling = frame + kHalfFrame + n;
-        vst1q_f32(falling, vmulq_f32(vld1q_f32(falling), LoadReversed(table, kHalfFrame - n)));
+    const float *window = WindowOf(selector);
+    if (window == nullptr) return;
+    for (int32_t n = 0; n < kFrame; n += kivbf::lanes::kLanes)
+        vst1q_f32(frame + n, vmulq_f32(vld1q_f32(frame + n), vld1q_f32(window + n)));
+}
+
+void WindowFilter_ApplyTo(const float *in, float *out, int32_t selector, float scale) {
+    const float *window = WindowOf(selector);
+    if (window == nullptr) return;
+    for (int32_t n = 0; n < kFrame; n += kivbf::lanes::kLanes) {
+        const float32x4_t windowed = vmulq_f32(vld1q_f32(in + n), vld1q_f32(window + n));
+        vst1q_f32(out + n, vmulq_n_f32(windowed, scale));
     }
 }
