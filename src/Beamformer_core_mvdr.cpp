@@ -252,14 +252,27 @@ void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAve
 }
 
 // Bins k .. k + 3; the snapshot's double-precision weighting runs per bin.
-void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
-    float x[4][kLanes];
-    for (int32_t i = 0; i < kLanes; ++i) {
-        SnapshotEntry(s, 0, k + i, calibrated, x[0][i], x[1][i]);
-        SnapshotEntry(s, 1, k + i, calibrated, x[2][i], x[3][i]);
+// Microphone m's snapshot entries of bins k .. k + 3, as SnapshotEntry forms
+// them. The weight (1 - G) 256 is exact in float (G lies in [0, 1]), and the
+// product of two floats is exact in double, so the double product rounded to
+// float is the float product: the lanes multiply in float.
+float32x4x2_t SnapshotLanes(const BfCoreState &s, int32_t m, int32_t k, bool calibrated) {
+    float32x4x2_t x = vld2q_f32(s.mic_spectrum[m] + 2 * k);
+    float32x4_t weight = vdupq_n_f32(kSnapshotScale);
+    if (!calibrated) {
+        const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[m] + k));
+        weight = vmulq_n_f32(noise_share, kSnapshotScale);
     }
-    PhiLanes normalised = LanesOf(NormalisedSnapshot(Float4(vld1q_f32(x[0])), Float4(vld1q_f32(x[1])),
-                                                     Float4(vld1q_f32(x[2])), Float4(vld1q_f32(x[3]))));
+    x.val[0] = vmulq_f32(weight, x.val[0]);
+    x.val[1] = vmulq_f32(weight, x.val[1]);
+    return x;
+}
+
+void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
+    const float32x4x2_t x0 = SnapshotLanes(s, 0, k, calibrated);
+    const float32x4x2_t x1 = SnapshotLanes(s, 1, k, calibrated);
+    PhiLanes normalised = LanesOf(NormalisedSnapshot(Float4(x0.val[0]), Float4(x0.val[1]),
+                                                     Float4(x1.val[0]), Float4(x1.val[1])));
     if (calibrated) {
         const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[0] + k));
         for (float32x4_t &lane : normalised.lanes) lane = vmulq_f32(lane, noise_share);

@@ -128,13 +128,15 @@ void UpdateLanes(BfCoreState &s, const MicPass &pass, int32_t k) {
     if (pass.share_gain) vst1q_f32(s.wiener_gain[1] + k, gain);
 
     if (pass.speech_ratio) {
-        alignas(16) float ratio[kLanes];
-        alignas(16) float noise_of[kLanes];
-        vst1q_f32(ratio, vmulq_f32(vmulq_f32(gain, gain), power));
-        vst1q_f32(noise_of, noise);
-        for (int32_t i = 0; i < kLanes; ++i) ratio[i] = SpeechOverNoise(ratio[i], noise_of[i]);
+        // SpeechOverNoise in four lanes: the quotient is taken everywhere (an
+        // IEEE division, as in the scalar form) and kept where it applies.
+        const float32x4_t zero = vdupq_n_f32(0.0f);
+        const float32x4_t speech = vmulq_f32(vmulq_f32(gain, gain), power);
+        const float32x4_t quotient =
+            vbslq_f32(vcgtq_f32(speech, zero), ExactQuotient(speech, noise), zero);
+        const float32x4_t ratio = vbslq_f32(vcgeq_f32(noise, speech), quotient, one);
         vst1q_f32(s.speech_noise_ratio + k,
-                  vmaxq_f32(vmulq_f32(vld1q_f32(ratio), gain), vdupq_n_f32(pass.ratio_floor)));
+                  vmaxq_f32(vmulq_f32(ratio, gain), vdupq_n_f32(pass.ratio_floor)));
     }
 }
 
