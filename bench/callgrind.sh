@@ -13,7 +13,7 @@ counter=$build/bench/count_kivbf
 [[ -x $counter ]] || { echo "missing $counter: run scripts/run-bench.sh --build-only" >&2; exit 1; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-echo '{"debug_level": 0}' > "$work/msglevel.json"
+echo '{"debug_level": 1}' > "$work/msglevel.json"
 export DML_PATH=$work/msglevel.json
 blocks=100
 

@@ -17,7 +17,7 @@ cmake --build "$build" --target bench_kivbf count_kivbf -j 2
 # Silence the library's information messages during the run.
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-echo '{"debug_level": 0}' > "$work/msglevel.json"
+echo '{"debug_level": 1}' > "$work/msglevel.json"
 export DML_PATH=$work/msglevel.json
 
 if [[ $# -eq 0 ]]; then
