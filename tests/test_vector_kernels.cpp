@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "vector_kernels.h"
+#include "vector_lanes.h"
 
 namespace {
 
@@ -137,3 +138,32 @@ TEST(VectorKernels, DotAndConvolutionCoverEveryTerm) {
 }
 
 }  // namespace
+
+// Stages whose quotients are IEEE divisions divide four lanes at once; every
+// lane must be the scalar quotient bit for bit, specials and subnormals too.
+TEST(VectorKernels, ExactQuotientIsTheScalarDivisionInEveryLane) {
+    const float specials[] = {0.0f, -0.0f, kInf, -kInf, std::numeric_limits<float>::quiet_NaN(),
+                              FLT_MIN, FLT_MIN / 8.0f, -FLT_MAX, 1.0f, 3.0f};
+    std::vector<float> a = Random(400, -1e3f, 1e3f, 7), b = Random(400, -2.0f, 2.0f, 8);
+    for (float x : specials)
+        for (float y : specials) {
+            a.push_back(x);
+            b.push_back(y);
+        }
+    while (a.size() % 4 != 0) {
+        a.push_back(1.0f);
+        b.push_back(7.0f);
+    }
+    for (size_t i = 0; i < a.size(); i += 4) {
+        float out[4];
+        vst1q_f32(out, kivbf::lanes::ExactQuotient(vld1q_f32(&a[i]), vld1q_f32(&b[i])));
+        for (size_t j = 0; j < 4; ++j) {
+            const float expected = a[i + j] / b[i + j];
+            if (std::isnan(expected))
+                EXPECT_TRUE(std::isnan(out[j])) << a[i + j] << " / " << b[i + j];
+            else
+                EXPECT_EQ(std::bit_cast<uint32_t>(out[j]), std::bit_cast<uint32_t>(expected))
+                    << a[i + j] << " / " << b[i + j];
+        }
+    }
+}
