@@ -8,7 +8,8 @@
 // into the gain state.
 //
 // Bins 0..127 go through four lanes and bin 128 through scalar operations,
-// the split the results have always had.
+// as in every per-bin stage: the lane quotients are refined estimates, the
+// last bin's are IEEE divisions.
 #include "Beamformer_core.h"
 #include "vector_kernels.h"
 #include "vector_lanes.h"

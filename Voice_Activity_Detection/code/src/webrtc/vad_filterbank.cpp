@@ -153,19 +153,6 @@ int16_t BandLogEnergy(const int16_t *band, size_t length, const BandMeasure &mea
     return log_energy;
 }
 
-}  // namespace
-
-void VadCore_Downsample(const int16_t *in, size_t in_length, int16_t *out, int32_t state[2]) {
-    int32_t upper_state = state[0];
-    int32_t lower_state = state[1];
-    for (size_t n = 0; n < in_length / 2; ++n)
-        out[n] = DownsampleStep(in[2 * n], in[2 * n + 1], upper_state, lower_state);
-    state[0] = upper_state;
-    state[1] = lower_state;
-}
-
-namespace {
-
 // Everything after the first split: `half` samples of the 2-4 kHz and the
 // 0-2 kHz band in, the six band log energies out; returns the frame's
 // total-energy indicator.

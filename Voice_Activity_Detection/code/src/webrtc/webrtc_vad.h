@@ -77,17 +77,14 @@ int32_t VadCore_Process(VadDetectorState &s, const int16_t *frame, int16_t *down
 
 // --- Stages (one per file) ------------------------------------------------------------
 
-// 2:1 down-sampler: two all-pass branches over even and odd samples, summed.
-void VadCore_Downsample(const int16_t *in, size_t in_length, int16_t *out, int32_t state[2]);
-
 // Band log energies (Q4) of a frame of at most kMaxInputFrame / 2 samples;
 // returns the frame's total-energy indicator.
 int16_t VadCore_BandFeatures(VadDetectorState &s, const int16_t *frame, size_t length,
                              int16_t features[kBands]);
 
-// Halves a 16 kHz frame of `frame_length` samples into `downsampled` and
-// returns what VadCore_BandFeatures gives for the halved frame; the same
-// result as VadCore_Downsample followed by VadCore_BandFeatures, in one pass.
+// Halves a 16 kHz frame of `frame_length` samples into `downsampled` (2:1:
+// two all-pass branches over even and odd samples, summed) and returns what
+// VadCore_BandFeatures gives for the halved frame, in one pass.
 int16_t VadCore_DownsampledBandFeatures(VadDetectorState &s, const int16_t *frame,
                                         size_t frame_length, int16_t *downsampled,
                                         int16_t features[kBands]);
