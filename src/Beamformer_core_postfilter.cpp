@@ -43,18 +43,10 @@ constexpr int32_t kLastBin = kBins - 1;
 constexpr int32_t kTapGroups = kSmoothTaps / kLanes;
 constexpr int32_t kGroupedTaps = kTapGroups * kLanes;
 
-// One smoothed value: x[0..21] against the taps. The products of lane q are
-// summed group by group, the four lane sums as (l0 + l2) + (l1 + l3), then
-// the two remaining products in order.
-float SmoothedValue(const float *x) {
-    float32x4_t lanes = vdupq_n_f32(0.0f);
-    for (int32_t i = 0; i < kGroupedTaps; i += kLanes)
-        lanes = vaddq_f32(lanes, vmulq_f32(vld1q_f32(x + i), vld1q_f32(smooth_window + i)));
-    const float32x2_t pairs = vadd_f32(vget_low_f32(lanes), vget_high_f32(lanes));
-    float sum = vget_lane_f32(vpadd_f32(pairs, pairs), 0);
-    for (int32_t i = kGroupedTaps; i < kSmoothTaps; ++i) sum += x[i] * smooth_window[i];
-    return sum;
-}
+// One smoothed value: x[0..21] against the taps, summed as vec_dot sums: the
+// products of lane q group by group, the four lane sums as (l0 + l2) +
+// (l1 + l3), then the two remaining products in order.
+float SmoothedValue(const float *x) { return vec_dot(x, smooth_window, kSmoothTaps); }
 
 // Each tap repeated over four lanes.
 struct TapLanes {
