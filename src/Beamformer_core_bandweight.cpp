@@ -25,6 +25,7 @@ constexpr int32_t kWideScoreCount = 72;  // bins 16..87
 constexpr int32_t kMidFirst = 8;
 constexpr int32_t kWideFirst = 32;
 constexpr int32_t kLastBin = kBins - 1;  // bins 0..127 fill the lanes; 128 is the tail
+static_assert(LaneCount(kBins) == kLastBin, "one bin is left for the scalar tail");
 
 constexpr double kNewShare = 0.99;
 constexpr double kOldShare = 1.0 - kNewShare;

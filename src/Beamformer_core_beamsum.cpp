@@ -24,7 +24,6 @@ constexpr float kLeakage = 0.997f;
 constexpr float kPowerSmoothing = 0.01f;
 constexpr float kPowerFloor = 1e-6f;
 constexpr float kSquaredTapBound = 4.0f;  // |H| <= 2
-constexpr int32_t kGroupedBins = kBins - kBins % kLanes;  // 128
 
 struct Complex4 {
     float32x4_t re;
@@ -173,11 +172,11 @@ void Cancel1(BfCoreState &s, int32_t k) {
 }  // namespace
 
 void Bf_BeamSum(BfCoreState &s) {
-    for (int32_t k = 0; k < kGroupedBins; k += kLanes) BeamSum4(s, k);
-    for (int32_t k = kGroupedBins; k < kBins; ++k) BeamSum1(s, k);
+    ForEachLaneGroup(
+        kBins, [&](int32_t k) { BeamSum4(s, k); }, [&](int32_t k) { BeamSum1(s, k); });
 }
 
 void Bf_Canceller(BfCoreState &s) {
-    for (int32_t k = 0; k < kGroupedBins; k += kLanes) Cancel4(s, k);
-    for (int32_t k = kGroupedBins; k < kBins; ++k) Cancel1(s, k);
+    ForEachLaneGroup(
+        kBins, [&](int32_t k) { Cancel4(s, k); }, [&](int32_t k) { Cancel1(s, k); });
 }

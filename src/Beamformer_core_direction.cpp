@@ -30,8 +30,9 @@ constexpr double kCoherentLevel = 0.3;
 constexpr uint16_t kCounterMax = 10;
 constexpr uint16_t kCounterToFlag = 3;  // the flag needs more than this
 constexpr float kScoreNewShare = 0.99f;
-constexpr int32_t kLaneBins = kBins - 1;  // bins 0..127 fill the lanes; 128 is the tail
+constexpr int32_t kLaneBins = LaneCount(kBins);  // bins 0..127; 128 is the tail
 constexpr int32_t kLastBin = kBins - 1;
+static_assert(kLaneBins == kLastBin, "one bin is left for the scalar tail");
 
 // The history drops its oldest block and takes `newest` as its last one;
 // returns 0.2 x (sum of the blocks, oldest first, onto zero). `history`

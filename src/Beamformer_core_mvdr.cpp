@@ -29,7 +29,7 @@ constexpr float kFastForgetting = 0.1f;          // Noise_estimation off
 #if defined(__ARM_NEON) && !defined(__aarch64__)
 constexpr int32_t kLaneBins = 0;
 #else
-constexpr int32_t kLaneBins = kBins - kBins % kLanes;
+constexpr int32_t kLaneBins = LaneCount(kBins);
 #endif
 
 // Four floats, one per lane, with the element-wise IEEE operations that the

@@ -37,8 +37,9 @@ constexpr const float *nor_smooth_window = bconv_nor;
 constexpr int32_t kPadZeros = kSmoothTaps - 1;  // 21 on each side
 constexpr int32_t kCentreOffset = 11;           // padded[k + 11 ..] is centred on bin k
 constexpr float kGainFloor = 1e-6f;
-constexpr int32_t kLaneBins = kBins - 1;  // bins 0..127 fill the lanes; 128 is the tail
+constexpr int32_t kLaneBins = LaneCount(kBins);  // bins 0..127; 128 is the tail
 constexpr int32_t kLastBin = kBins - 1;
+static_assert(kLaneBins == kLastBin, "one bin is left for the scalar tail");
 // The taps in groups of four, then the two left over.
 constexpr int32_t kTapGroups = kSmoothTaps / kLanes;
 constexpr int32_t kGroupedTaps = kTapGroups * kLanes;

@@ -31,6 +31,10 @@ inline void ForEachLaneGroup(int32_t count, Lanes &&lanes, Tail &&tail) {
     for (; i < count; ++i) tail(i);
 }
 
+// How many of `count` indices ForEachLaneGroup hands to the lanes; the rest
+// go to the tail.
+constexpr int32_t LaneCount(int32_t count) { return count - count % kLanes; }
+
 // A complex length counts floats; a lone trailing float is not a bin.
 inline int32_t BinsOf(int32_t floats) { return floats / 2; }
 
