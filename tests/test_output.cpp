@@ -2,6 +2,8 @@
 // or saturating) and the shift of the overlap-add accumulator.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "Beamformer_core.h"
@@ -32,4 +34,21 @@ TEST(OutputStage, TruncatesWrapsOrSaturatesAndShiftsTheAccumulator) {
         ASSERT_EQ(s->ola_buffer[128 + i], 0.0f);
     }
     EXPECT_EQ(out[5], kivbf::kSaturateOutput ? 32767 : -25535);  // 40001.25 -> 40001
+}
+
+// The conversion multiplies by 1 / 0.7 where its truncation is known to equal
+// the quotient's. Sweep float bit patterns (all of them with
+// KIVBF_EXHAUSTIVE=1, about 20 s) against the division.
+TEST(OutputStage, ReciprocalProductTruncatesAsTheQuotient) {
+    const uint64_t stride = std::getenv("KIVBF_EXHAUSTIVE") ? 1 : 193;
+    uint64_t mismatches = 0;
+    for (uint64_t bits = 0; bits < (uint64_t{1} << 32); bits += stride) {
+        const auto pattern = static_cast<uint32_t>(bits);
+        float value;
+        std::memcpy(&value, &pattern, sizeof value);
+        const auto expected = static_cast<int16_t>(kivbf::Bf_TruncatedQuotient(value));
+        if (kivbf::Bf_PcmSample<false>(value, 1.0f) != expected && ++mismatches < 5)
+            ADD_FAILURE() << std::hexfloat << value;
+    }
+    EXPECT_EQ(mismatches, 0u);
 }
