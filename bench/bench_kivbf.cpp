@@ -162,23 +162,16 @@ void BM_Peer(benchmark::State &state, int stream) {
         state.SkipWithError("AudioProcessing::Create failed");
         return;
     }
-    const std::vector<int16_t> &scene = Stream(stream);
-    const size_t n = peer.frame_samples();
-    const size_t frames = scene.size() / 2 / n;
-    std::vector<float> mic0(scene.size() / 2), mic1(scene.size() / 2), out(n);
-    for (size_t i = 0; i < mic0.size(); ++i) {
-        mic0[i] = scene[2 * i] / 32768.0f;
-        mic1[i] = scene[2 * i + 1] / 32768.0f;
-    }
-    for (size_t f = 0; f < 100; ++f) peer.Process(&mic0[(f % frames) * n], &mic1[(f % frames) * n], out.data());
+    const PeerChannels scene(Stream(stream));
+    std::vector<float> out(peer.frame_samples());
+    for (size_t f = 0; f < 100; ++f) peer.ProcessFrame(scene, f, out.data());
     size_t frame = 0;
     for (auto _ : state) {
-        if (peer.Process(&mic0[frame * n], &mic1[frame * n], out.data()) != 0) {
+        if (peer.ProcessFrame(scene, frame++, out.data()) != 0) {
             state.SkipWithError("ProcessStream failed");
             break;
         }
         benchmark::DoNotOptimize(out.data());
-        if (++frame == frames) frame = 0;
     }
 }
 

@@ -86,22 +86,13 @@ int CountInit(int calls) {
 int CountPeer(int frames) {
     PeerBeamformer peer(static_cast<int>(kSampleRate), kDistanceCm / 100.0f);
     if (!peer.ok()) return 1;
-    const std::vector<int16_t> scene = MakeScene(Talker::kBursts, kStreamBlocks);
-    const size_t n = peer.frame_samples();
-    const size_t available = scene.size() / 2 / n;
-    std::vector<float> mic0(scene.size() / 2), mic1(scene.size() / 2), out(n);
-    for (size_t i = 0; i < mic0.size(); ++i) {
-        mic0[i] = scene[2 * i] / 32768.0f;
-        mic1[i] = scene[2 * i + 1] / 32768.0f;
-    }
-    const auto process = [&](size_t f) {
-        const size_t at = (f % available) * n;
-        return peer.Process(&mic0[at], &mic1[at], out.data());
-    };
-    for (size_t f = 0; f < 100; ++f) process(f);
+    const PeerChannels scene(MakeScene(Talker::kBursts, kStreamBlocks));
+    std::vector<float> out(peer.frame_samples());
+    for (size_t f = 0; f < 100; ++f) peer.ProcessFrame(scene, f, out.data());
     int status = 0;
     CALLGRIND_TOGGLE_COLLECT;
-    for (int f = 0; f < frames; ++f) status |= process(100 + static_cast<size_t>(f));
+    for (int f = 0; f < frames; ++f)
+        status |= peer.ProcessFrame(scene, 100 + static_cast<size_t>(f), out.data());
     CALLGRIND_TOGGLE_COLLECT;
     return status == 0 ? 0 : 1;
 }

@@ -30,4 +30,17 @@ int PeerBeamformer::Process(const float *mic0, const float *mic1, float *out) {
         webrtc::AudioProcessing::kMono, destination);
 }
 
+int PeerBeamformer::ProcessFrame(const PeerChannels &scene, size_t index, float *out) {
+    const size_t at = index % (scene.mic0.size() / frame_samples_) * frame_samples_;
+    return Process(&scene.mic0[at], &scene.mic1[at], out);
+}
+
+PeerChannels::PeerChannels(const std::vector<int16_t> &interleaved)
+    : mic0(interleaved.size() / 2), mic1(interleaved.size() / 2) {
+    for (size_t i = 0; i < mic0.size(); ++i) {
+        mic0[i] = interleaved[2 * i] / 32768.0f;
+        mic1[i] = interleaved[2 * i + 1] / 32768.0f;
+    }
+}
+
 }  // namespace kivbf_bench

@@ -4,8 +4,17 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 namespace kivbf_bench {
+
+// An interleaved two-channel 16-bit scene as the peer takes it: one float
+// array per microphone, in [-1, 1].
+struct PeerChannels {
+    explicit PeerChannels(const std::vector<int16_t> &interleaved);
+    std::vector<float> mic0, mic1;
+};
 
 class PeerBeamformer {
 public:
@@ -20,6 +29,8 @@ public:
     // One 10 ms frame: two channel arrays in [-1, 1] in, one channel out.
     // Returns WebRTC's status (0 is success).
     int Process(const float *mic0, const float *mic1, float *out);
+    // Frame `index` of the scene, which repeats once its whole frames are used.
+    int ProcessFrame(const PeerChannels &scene, size_t index, float *out);
 
 private:
     void *processor_;
