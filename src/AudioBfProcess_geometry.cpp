@@ -2,6 +2,7 @@
 // KivBf_GetArrayPosition. Positions are metres inside, centimetres outside.
 #include <cmath>
 
+#include "math_functions.h"
 #include "AudioBfProcess_internal.h"
 #include "debug_msglevel.h"
 
@@ -40,8 +41,8 @@ void PlaceCircular(BfCoreState &s) {
     const double radius = s.microphone_distance / 2.0;
     double turn = 1.0;
     for (int32_t m = 0; m < kMics; ++m, turn -= 1.0) {
-        s.mic_position[m][0] = static_cast<float>(radius * std::cos(turn * kPi));
-        s.mic_position[m][1] = static_cast<float>(radius * std::sin(turn * kPi));
+        s.mic_position[m][0] = static_cast<float>(radius * math::Cos(turn * kPi));
+        s.mic_position[m][1] = static_cast<float>(radius * math::Sin(turn * kPi));
     }
 }
 
@@ -90,7 +91,7 @@ uint32_t PlaceArbitrary(BfCoreState &s, const float *array_pos) {
         const float y_diff = y(m) - y(0);
         slope[m] = x_diff == 0.0f   ? 90.0
                    : y_diff == 0.0f ? 0.0
-                                    : std::atan(y_diff / x_diff) / kPi * 180.0;
+                                    : math::Atan(y_diff / x_diff) / kPi * 180.0;
     }
     s.array_geometry = 0;
     for (int32_t m = 2; m < kMics; ++m)

@@ -7,6 +7,7 @@
 // every bin passes with weight 1.
 #include <cmath>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "vector_lanes.h"
 
@@ -44,7 +45,7 @@ float SmoothBandWeight(float old_weight, float score_sum, int32_t count, float s
     const float offset = score_sum / static_cast<float>(count) - 1.0f;
     const double logistic_denominator =
         static_cast<double>(scale) *
-            std::exp(static_cast<double>(slope) * static_cast<double>(offset)) +
+            math::Exp(static_cast<double>(slope) * static_cast<double>(offset)) +
         1.0;
     return static_cast<float>(kOldShare * old_weight + kNewShare / logistic_denominator);
 }

@@ -1,8 +1,10 @@
 // Beam design and the preparations KivBf_SetMode makes for each mode.
 #include <cmath>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "complex_matrix.h"
+#include "debug_msglevel.h"
 #include "vector_kernels.h"
 
 using namespace kivbf;
@@ -42,7 +44,7 @@ void DesignCoherence(BfCoreState &s, int32_t k, float wavenumber_per_hz) {
             float coherence = 1.0f;
             if (k != 0 && distance != 0.0f) {
                 const float x = s.bin_frequency[k] * wavenumber_per_hz * distance;
-                coherence = static_cast<float>(std::sin(static_cast<double>(x))) / x;
+                coherence = static_cast<float>(math::Sin(static_cast<double>(x))) / x;
             }
             gamma[Element(i, j)] = coherence;
             gamma[Element(i, j) + 1] = 0.0f;
@@ -51,6 +53,33 @@ void DesignCoherence(BfCoreState &s, int32_t k, float wavenumber_per_hz) {
     cmat2_normalise(gamma, s.design_normaliser, gamma);
     gamma[Element(0, 0)] += s.bin_loading[k];
     gamma[Element(1, 1)] += s.bin_loading[k];
+}
+
+bool AllFinite(const float *values, int32_t count) {
+    for (int32_t i = 0; i < count; ++i)
+        if (!std::isfinite(values[i])) return false;
+    return true;
+}
+
+// A finite but absurd spacing (metres of it, or 1e38 cm) overflows the
+// phases and the coherence inverse into inf and NaN. Such a design is
+// replaced by the plain average of the two microphones, a delay-and-sum beam
+// with no steering, which is what a spacing too large to model can still use.
+void KeepDesignFinite(BfCoreState &s) {
+    if (AllFinite(s.beam_weights[0], kSpectrumFloats) && AllFinite(s.beam_weights[1], kSpectrumFloats) &&
+        AllFinite(s.steering_phase, kSpectrumFloats))
+        return;
+    for (int32_t k = 0; k < kBins; ++k) {
+        for (float(&weights)[kSpectrumFloats] : s.beam_weights) {
+            weights[2 * k] = 0.5f;
+            weights[2 * k + 1] = 0.0f;
+        }
+        s.steering_phase[2 * k] = 1.0f;
+        s.steering_phase[2 * k + 1] = 0.0f;
+    }
+    DML_PRINT(s.debug_level, DML_WRN,
+              "[%s] %s[BF] [SetMode] The beam design overflowed at this microphone distance; "
+              "using a delay-and-sum beam\t\n");
 }
 
 }  // namespace
@@ -66,7 +95,7 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
     const double look = static_cast<double>(s.steering_angle / 180.0f) * kPi;
     for (int32_t m = 0; m < kMics; ++m) {
         const double projection =
-            std::cos(look) * s.mic_position[m][0] + std::sin(look) * s.mic_position[m][1];
+            math::Cos(look) * s.mic_position[m][0] + math::Sin(look) * s.mic_position[m][1];
         s.mic_phase_rate[m] = static_cast<float>(projection * wavenumber_per_hz);
     }
 
@@ -86,8 +115,8 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
             float im = 0.0f;
             if (s.mic_phase_rate[m] != 0.0f) {
                 const double phase = frequency * s.mic_phase_rate[m];
-                re = static_cast<float>(std::cos(phase));
-                im = static_cast<float>(std::sin(phase));
+                re = static_cast<float>(math::Cos(phase));
+                im = static_cast<float>(math::Sin(phase));
             }
             steering[Element(m, 0)] = re;
             steering[Element(m, 0) + 1] = im;
@@ -114,7 +143,8 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
         }
 
         const double relative_phase = frequency * (s.mic_phase_rate[1] - s.mic_phase_rate[0]);
-        s.steering_phase[2 * k] = static_cast<float>(std::cos(relative_phase));
-        s.steering_phase[2 * k + 1] = static_cast<float>(std::sin(relative_phase));
+        s.steering_phase[2 * k] = static_cast<float>(math::Cos(relative_phase));
+        s.steering_phase[2 * k + 1] = static_cast<float>(math::Sin(relative_phase));
     }
+    KeepDesignFinite(s);
 }

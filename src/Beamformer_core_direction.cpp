@@ -14,6 +14,7 @@
 // split the results have always had.
 #include <cmath>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "vector_lanes.h"
 
@@ -186,7 +187,7 @@ void Bf_DirectionWeight(BfCoreState &s) {
         vst1q_f32(work + k, vmulq_n_f32(offset, s.intensity_limit));
     }
     work[kLastBin] = (s.direction_score[kLastBin] + -1.0f) * s.intensity_limit;
-    for (float &w : work) w = std::exp(w);
+    for (float &w : work) w = math::ExpF(w);
     for (int32_t k = 0; k < kLaneBins; k += kLanes) {
         const float32x4_t unit = vld1q_f32(s.unit_vector + k);
         const float32x4_t denominator =

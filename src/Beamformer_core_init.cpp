@@ -82,5 +82,6 @@ int32_t Bf_CoreInit(BfCoreState &s) {
 
     s.fft_record.ne10_init_flag = 0;
     FFT_Init(&s.fft_record);
-    return 0;
+    // The wrapper marks a record it could set up; without one no block can run.
+    return s.fft_record.ne10_init_flag == 1 ? 0 : -1;
 }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "complex_matrix.h"
 #include "vector_lanes.h"
@@ -172,8 +173,8 @@ void UpdateSteering(BfCoreState &s) {
     for (int32_t k = 0; k < kBins; ++k) {
         for (int32_t m = 0; m < kMics; ++m) {
             const double phase = s.bin_frequency[k] * s.steer_delay[m];
-            s.mvdr_steering[2 * m][k] = static_cast<float>(std::cos(phase));
-            s.mvdr_steering[2 * m + 1][k] = static_cast<float>(std::sin(phase));
+            s.mvdr_steering[2 * m][k] = static_cast<float>(math::Cos(phase));
+            s.mvdr_steering[2 * m + 1][k] = static_cast<float>(math::Sin(phase));
         }
     }
     std::memcpy(s.mvdr_steering_delay, s.steer_delay, sizeof s.steer_delay);

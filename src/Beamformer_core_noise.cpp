@@ -9,6 +9,7 @@
 // bins.
 #include <cmath>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "vector_lanes.h"
 
@@ -201,7 +202,7 @@ void Bf_NoiseEstimate(BfCoreState &s) {
             [&](int32_t k) { PowerLast(s, pass, k); });
         // Apart so that the passes around it keep their constants in registers.
         if (!pass.first_block)
-            for (int32_t k = 0; k < kBins; ++k) s.ne_presence[k] = std::exp(s.ne_presence[k]);
+            for (int32_t k = 0; k < kBins; ++k) s.ne_presence[k] = math::ExpF(s.ne_presence[k]);
         ForEachLaneGroup(
             kBins, [&](int32_t k) { UpdateLanes(s, pass, k); },
             [&](int32_t k) { UpdateLast(s, pass, k); });

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "math_functions.h"
 #include "Beamformer_core.h"
 #include "vector_lanes.h"
 
@@ -65,8 +66,8 @@ void Bf_TargetSteering(BfCoreState &s) {
     const float direction = static_cast<float>(s.target_angle * kPi / 180.0);
     const double speed = s.speed_of_sound;
     for (int32_t m = 0; m < kMics; ++m) {
-        const double projection = s.mic_position[m][0] * std::cos(static_cast<double>(direction)) +
-                                  s.mic_position[m][1] * std::sin(static_cast<double>(direction));
+        const double projection = s.mic_position[m][0] * math::Cos(static_cast<double>(direction)) +
+                                  s.mic_position[m][1] * math::Sin(static_cast<double>(direction));
         s.steer_delay[m] = static_cast<float>(kTwoPi * projection / speed);
     }
     if (!HasPostFilter(s)) return;
@@ -82,8 +83,8 @@ void Bf_TargetSteering(BfCoreState &s) {
         const float frequency = s.bin_frequency[k];
         const double lag = frequency * (s.steer_delay[1] - s.steer_delay[0]);
         const double lead = frequency * (s.steer_delay[0] - s.steer_delay[1]);
-        s.target_steering[2 * k] = static_cast<float>(std::cos(lag));
-        s.target_steering[2 * k + 1] = static_cast<float>(std::sin(lead));
+        s.target_steering[2 * k] = static_cast<float>(math::Cos(lag));
+        s.target_steering[2 * k + 1] = static_cast<float>(math::Sin(lead));
     }
     std::memcpy(s.target_steering_delay, s.steer_delay, sizeof s.steer_delay);
     s.target_steering_built = 1;

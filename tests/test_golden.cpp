@@ -5,9 +5,11 @@
 // anywhere in the library shows up here; when the change is intended,
 // rewrite the file from the top of the tree with
 //   KIVBF_GOLDEN_WRITE=1 build/native/tests/test_golden
-// and review the diff. The figures are exact only for one libm and one
-// vector path, so they are recorded and compared on x86-64; test_cross_arch
-// compares the other architectures with a tolerance.
+// and review the diff. KIVBF_GOLDEN_DUMP=dir also writes each case's output as
+// raw s16 (dir/<case>.s16), for tests/compare_outputs.py to measure how far
+// a change of arithmetic moved it. The library's arithmetic is the same on
+// every x86-64 CPU, so the figures hold on any of them; on ARM the FFT still
+// rounds differently, so test_cross_arch compares those with a tolerance.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -196,7 +198,16 @@ TEST(Golden, EveryCaseReproducesItsRecordedOutput) {
     const std::vector<int16_t> scene = MakeScene();
     std::map<std::string, std::string> actual;
     actual["scene"] = Figures(scene);
-    for (const GoldenCase &c : kCases) actual[c.name] = Figures(RunCase(c, scene));
+    const char *dump_dir = std::getenv("KIVBF_GOLDEN_DUMP");
+    for (const GoldenCase &c : kCases) {
+        const std::vector<int16_t> output = RunCase(c, scene);
+        actual[c.name] = Figures(output);
+        if (dump_dir != nullptr) {
+            std::ofstream dump(std::string(dump_dir) + "/" + c.name + ".s16", std::ios::binary);
+            dump.write(reinterpret_cast<const char *>(output.data()),
+                       static_cast<std::streamsize>(output.size() * sizeof(int16_t)));
+        }
+    }
 
     if (std::getenv("KIVBF_GOLDEN_WRITE") != nullptr) {
         std::ofstream file(GoldenPath());

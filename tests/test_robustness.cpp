@@ -62,6 +62,45 @@ TEST(Robustness, InfiniteSpacingIsRefused) {
     }
 }
 
+// A finite spacing far beyond any array overflows the beam design; the beam
+// falls back to delay-and-sum and every block stays finite.
+TEST(Robustness, AbsurdSpacingKeepsTheBeamFinite) {
+    for (float distance : {3e38f, 1e30f}) {
+        for (uint32_t mode : {0u, 1u, 2u, 3u}) {
+            SCOPED_TRACE(testing::Message() << distance << " cm, mode " << mode);
+            WorkingBuffer buffer;
+            AudioBfHandle h = MakeConfiguredHandle(buffer, 0, 16000, distance);
+            ASSERT_EQ(KivBf_SetMode(h, mode, 30.0f), KIVBF_OK);
+            int16_t input[256];
+            int16_t output[128];
+            const float direction = 30.0f;
+            int64_t energy = 0;
+            for (int b = 0; b < 40; ++b) {
+                ToneBlock(b, input);
+                ASSERT_EQ(KivBf_Run(h, input, output, &direction), KIVBF_OK);
+                for (int16_t v : output) energy += v * v;
+            }
+            const BfCoreState &s = *Bf_StateOf(h);
+            for (const auto &weights : s.beam_weights)
+                for (float w : weights) ASSERT_TRUE(std::isfinite(w));
+            for (float v : s.ola_buffer) ASSERT_TRUE(std::isfinite(v));
+            EXPECT_GT(energy, 0);
+        }
+    }
+}
+
+// The transform's set-up failing inside Init fails the core's set-up, so
+// KivBf_Init returns NULL instead of a handle that cannot run.
+TEST(Robustness, FftSetUpFailureFailsTheCoreSetUp) {
+    WorkingBuffer buffer;
+    AudioBfHandle h = MakeConfiguredHandle(buffer);
+    BfCoreState &s = *Bf_StateOf(h);
+    EXPECT_EQ(Bf_CoreInit(s), 0);
+    s.fft_record.fft_Ne10_cfg = nullptr;
+    const std::string printed = Captured([&] { EXPECT_NE(Bf_CoreInit(s), 0); });
+    EXPECT_NE(printed.find("[FFT]"), std::string::npos) << printed;
+}
+
 TEST(Robustness, NearSilentDecayLeavesNoSubnormalCovariance) {
     WorkingBuffer buffer;
     AudioBfHandle h = MakeConfiguredHandle(buffer);

@@ -2,6 +2,7 @@
 // what is left. On x86 the same intrinsics come from SIMDe, so there is one
 // source for both targets. Only intrinsics that exist on ARMv7 NEON as well
 // as AArch64 are used.
+#include "math_functions.h"
 #include "vector_kernels.h"
 
 #include "vector_lanes.h"
@@ -265,6 +266,6 @@ int32_t vec_scale(float *a, float c, int32_t n) {
 float vec_dot(const float *a, const float *b, int32_t n) { return Dot(a, b, n); }
 
 int32_t vec_exp(const float *a, float *out, int32_t n) {
-    for (int32_t i = 0; i < n; ++i) out[i] = std::exp(a[i]);
+    for (int32_t i = 0; i < n; ++i) out[i] = kivbf::math::ExpF(a[i]);
     return 0;
 }

@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "arm_estimates.h"
+
 namespace kivbf::lanes {
 
 inline constexpr int32_t kLanes = 4;
@@ -50,14 +52,20 @@ inline float32x4_t FlushDenormal(float32x4_t x) {
     return vbslq_f32(tiny, vreinterpretq_f32_u32(sign_only), x);
 }
 
-// 1 / b: hardware estimate refined by two Newton-Raphson steps. Where the
+// One Newton-Raphson step towards 1 / b: x (2 - b x). Written as separate
+// products and a difference rather than vrecpsq_f32, which AArch64 fuses
+// into one rounding and ARMv7 and x86 do not.
+inline float32x4_t ReciprocalStep(float32x4_t b, float32x4_t x) {
+    return vmulq_f32(x, vsubq_f32(vdupq_n_f32(2.0f), vmulq_f32(b, x)));
+}
+
+// 1 / b: ARM's estimate refined by two Newton-Raphson steps. Where the
 // estimate is already exact (b = +-0 gives +-inf, b = +-inf gives +-0) it is
 // kept: the refinement would turn 0 * inf into NaN.
 inline float32x4_t Reciprocal(float32x4_t b) {
     b = FlushDenormal(b);
-    const float32x4_t estimate = vrecpeq_f32(b);
-    float32x4_t refined = vmulq_f32(estimate, vrecpsq_f32(b, estimate));
-    refined = vmulq_f32(refined, vrecpsq_f32(b, refined));
+    const float32x4_t estimate = estimates::RecipEstimate(b);
+    const float32x4_t refined = ReciprocalStep(b, ReciprocalStep(b, estimate));
     const float32x4_t infinity = vdupq_n_f32(std::numeric_limits<float>::infinity());
     const uint32x4_t exact = vorrq_u32(vceqq_f32(b, vdupq_n_f32(0.0f)),
                                        vceqq_f32(vabsq_f32(b), infinity));
@@ -85,14 +93,16 @@ inline float32x4_t ExactQuotient(float32x4_t a, float32x4_t b) {
 #endif
 }
 
-// sqrt(a) = a * (1 / sqrt(a)): reciprocal square-root estimate with one
-// Newton-Raphson step, then one correction of the root by its residual,
+// sqrt(a) = a * (1 / sqrt(a)): ARM's reciprocal square-root estimate with one
+// Newton-Raphson step, x (3 - a x^2) / 2 in separate roundings (vrsqrtsq_f32
+// fuses on AArch64), then one correction of the root by its residual,
 // s + (a - s^2) / (2 sqrt(a)), which brings an 8-bit estimate to a few ULP.
 // Zero gives zero, +inf gives +inf, negative or NaN gives NaN.
 inline float32x4_t SquareRoot(float32x4_t a) {
     a = FlushDenormal(a);
-    float32x4_t inv_root = vrsqrteq_f32(a);
-    inv_root = vmulq_f32(inv_root, vrsqrtsq_f32(vmulq_f32(a, inv_root), inv_root));
+    float32x4_t inv_root = estimates::RecipSqrtEstimate(a);
+    const float32x4_t step = vsubq_f32(vdupq_n_f32(3.0f), vmulq_f32(vmulq_f32(a, inv_root), inv_root));
+    inv_root = vmulq_f32(inv_root, vmulq_f32(step, vdupq_n_f32(0.5f)));
     const float32x4_t root = vmulq_f32(a, inv_root);
     const float32x4_t residual = vsubq_f32(a, vmulq_f32(root, root));
     const float32x4_t half_inv_root = vmulq_f32(inv_root, vdupq_n_f32(0.5f));

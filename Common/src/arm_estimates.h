@@ -1,0 +1,217 @@
+// ARM's reciprocal and reciprocal-square-root estimates (FRECPE, FRSQRTE),
+// bit for bit, for the lane helpers on every CPU.
+//
+// The NEON estimates are part of the library's arithmetic: Reciprocal and
+// SquareRoot refine them with a fixed number of Newton-Raphson steps, so the
+// refined result still carries the estimate's last bits. On ARM the
+// instructions themselves run. x86 has only rcpps/rsqrtps, whose results are
+// not ARM's and differ between CPU generations, so there the estimates are
+// rebuilt from the float's bits as the Arm architecture defines them: an
+// 8-bit table entry picked by the top fraction bits, and an exponent mirrored
+// around the bias. These are AArch64's results with flush-to-zero off (the
+// Linux default): a subnormal input is normalised, and inputs at or above
+// 2^126 get subnormal reciprocals. ARMv7 NEON always flushes, so there such
+// inputs give zero and NaNs give the default NaN; the library flushes
+// subnormal divisors itself, which leaves |x| >= 2^126 as the one difference.
+#pragma once
+
+#if defined(__ARM_NEON)
+#include <arm_neon.h>
+#else
+#include <simde/arm/neon.h>
+#endif
+
+#include <array>
+#include <bit>
+#include <cstdint>
+
+namespace kivbf::estimates {
+
+inline constexpr uint32_t kSignBit = 0x80000000u;
+inline constexpr uint32_t kQuietBit = 0x00400000u;
+inline constexpr uint32_t kInfinityBits = 0x7F800000u;
+inline constexpr uint32_t kDefaultNaNBits = 0x7FC00000u;
+inline constexpr uint32_t kFractionMask = 0x007FFFFFu;
+
+// Reciprocal of a in [256, 512) (a fixed-point value in [0.5, 1)), rounded to
+// nearest in units of 1/256: a result in [256, 512) for [1, 2).
+constexpr uint32_t RecipTableEntry(uint32_t a) {
+    const uint32_t b = (1u << 19) / (2 * a + 1);
+    return (b + 1) / 2;
+}
+
+// 1/sqrt(a) for a in [128, 512) (a fixed-point value in [0.25, 1)): the
+// largest b with a' (b + 1)^2 < 2^28, rounded, for a' the input taken to
+// 1/512 (a < 256) or to 1/256 with its last bit dropped (a >= 256).
+constexpr uint32_t RecipSqrtTableEntry(uint32_t a) {
+    const uint32_t scaled = a < 256 ? 2 * a + 1 : ((a >> 1) << 1) * 2 + 2;
+    uint32_t b = 512;
+    while (static_cast<uint64_t>(scaled) * (b + 1) * (b + 1) < (uint64_t{1} << 28)) ++b;
+    return (b + 1) / 2;
+}
+
+// Only the low eight bits of each entry are stored: the ninth is always set.
+inline constexpr std::array<uint8_t, 256> kRecipTable = [] {
+    std::array<uint8_t, 256> table{};
+    for (uint32_t i = 0; i < 256; ++i) table[i] = static_cast<uint8_t>(RecipTableEntry(256 + i));
+    return table;
+}();
+
+// Indexed by a - 128 for a in [128, 512).
+inline constexpr std::array<uint8_t, 384> kRecipSqrtTable = [] {
+    std::array<uint8_t, 384> table{};
+    for (uint32_t i = 0; i < 384; ++i)
+        table[i] = static_cast<uint8_t>(RecipSqrtTableEntry(128 + i));
+    return table;
+}();
+
+// FRECPE on one float's bits. The scalar reference the lane version is
+// tested against.
+constexpr uint32_t RecipEstimateBits(uint32_t x) {
+    const uint32_t sign = x & kSignBit;
+    const int32_t exponent = static_cast<int32_t>((x >> 23) & 0xFF);
+    uint32_t fraction = x & kFractionMask;
+    if (exponent == 0xFF) return fraction != 0 ? x | kQuietBit : sign;  // NaN, +-inf
+    // Zero and magnitudes below 2^-128 overflow to infinity.
+    if (exponent == 0 && fraction < (1u << 21)) return sign | kInfinityBits;
+    int32_t scaled_exponent = exponent;
+    if (exponent == 0) {  // subnormal: normalise within the 23 fraction bits
+        if ((fraction & (1u << 22)) != 0) {
+            fraction = (fraction << 1) & kFractionMask;
+        } else {
+            fraction = (fraction << 2) & kFractionMask;
+            scaled_exponent = -1;
+        }
+    }
+    const uint32_t entry = kRecipTable[fraction >> 15];
+    const int32_t result_exponent = 253 - scaled_exponent;
+    if (result_exponent >= 1)
+        return sign | static_cast<uint32_t>(result_exponent) << 23 | entry << 15;
+    // Subnormal result: the leading one moves into the fraction.
+    return sign | (0x100u | entry) << (14 + result_exponent);
+}
+
+// FRSQRTE on one float's bits.
+constexpr uint32_t RecipSqrtEstimateBits(uint32_t x) {
+    const int32_t exponent = static_cast<int32_t>((x >> 23) & 0xFF);
+    uint32_t fraction = x & kFractionMask;
+    if (exponent == 0xFF && fraction != 0) return x | kQuietBit;  // NaN
+    if ((x & ~kSignBit) == 0) return x | kInfinityBits;           // +-0 gives +-inf
+    if ((x & kSignBit) != 0) return kDefaultNaNBits;
+    if (exponent == 0xFF) return 0;  // +inf
+    int32_t scaled_exponent = exponent;
+    if (exponent == 0) {
+        const int32_t leading_zeros = std::countl_zero(fraction) - 9;
+        fraction = (fraction << (leading_zeros + 1)) & kFractionMask;
+        scaled_exponent = -leading_zeros;
+    }
+    // An even exponent takes the fraction as [0.5, 1), an odd one as [0.25, 0.5).
+    const uint32_t scaled = (scaled_exponent & 1) == 0 ? 256 + (fraction >> 15)
+                                                        : 128 + (fraction >> 16);
+    const auto result_exponent = static_cast<uint32_t>((380 - scaled_exponent) / 2);
+    return result_exponent << 23 | static_cast<uint32_t>(kRecipSqrtTable[scaled - 128]) << 15;
+}
+
+// Four-lane FRECPE from integer operations on the bits; only the table entry
+// is fetched lane by lane.
+inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
+    const uint32x4_t bits = vreinterpretq_u32_f32(x);
+    const uint32x4_t sign = vandq_u32(bits, vdupq_n_u32(kSignBit));
+    const uint32x4_t exponent = vandq_u32(vshrq_n_u32(bits, 23), vdupq_n_u32(0xFF));
+    const uint32x4_t fraction = vandq_u32(bits, vdupq_n_u32(kFractionMask));
+    const uint32x4_t subnormal = vceqq_u32(exponent, vdupq_n_u32(0));
+    const uint32x4_t top_set = vtstq_u32(fraction, vdupq_n_u32(1u << 22));
+    // A subnormal is normalised by one place (top fraction bit set) or two,
+    // the latter lowering its exponent to -1.
+    const uint32x4_t shift_two = vandq_u32(subnormal, vmvnq_u32(top_set));
+    const uint32x4_t shifted = vbslq_u32(shift_two, vshlq_n_u32(fraction, 2), vshlq_n_u32(fraction, 1));
+    const uint32x4_t normalised = vandq_u32(vbslq_u32(subnormal, shifted, fraction),
+                                            vdupq_n_u32(kFractionMask));
+    const int32x4_t scaled_exponent =
+        vsubq_s32(vreinterpretq_s32_u32(exponent), vreinterpretq_s32_u32(vandq_u32(shift_two, vdupq_n_u32(1))));
+
+    uint32_t index[4];
+    vst1q_u32(index, vshrq_n_u32(normalised, 15));
+    const uint32_t entries_array[4] = {kRecipTable[index[0]], kRecipTable[index[1]],
+                                       kRecipTable[index[2]], kRecipTable[index[3]]};
+    const uint32x4_t entry = vld1q_u32(entries_array);
+
+    const int32x4_t result_exponent = vsubq_s32(vdupq_n_s32(253), scaled_exponent);
+    const uint32x4_t normal_result = vorrq_u32(
+        vshlq_n_u32(vreinterpretq_u32_s32(result_exponent), 23), vshlq_n_u32(entry, 15));
+    // result_exponent 0 or -1: the leading one and the entry shifted by 14 or 13.
+    const uint32x4_t subnormal_result = vshlq_u32(
+        vorrq_u32(entry, vdupq_n_u32(0x100)), vaddq_s32(result_exponent, vdupq_n_s32(14)));
+    uint32x4_t result = vbslq_u32(vcgtq_s32(result_exponent, vdupq_n_s32(0)), normal_result,
+                                  subnormal_result);
+
+    const uint32x4_t all_ones_exponent = vceqq_u32(exponent, vdupq_n_u32(0xFF));
+    const uint32x4_t nan = vandq_u32(all_ones_exponent, vtstq_u32(fraction, fraction));
+    const uint32x4_t overflow = vandq_u32(subnormal, vcltq_u32(fraction, vdupq_n_u32(1u << 21)));
+    result = vbslq_u32(all_ones_exponent, vdupq_n_u32(0), result);
+    result = vbslq_u32(overflow, vdupq_n_u32(kInfinityBits), result);
+    result = vorrq_u32(result, sign);
+    result = vbslq_u32(nan, vorrq_u32(bits, vdupq_n_u32(kQuietBit)), result);
+    return vreinterpretq_f32_u32(result);
+}
+
+// Four-lane FRSQRTE likewise.
+inline float32x4_t EmulatedRecipSqrtEstimate(float32x4_t x) {
+    const uint32x4_t bits = vreinterpretq_u32_f32(x);
+    const uint32x4_t exponent = vandq_u32(vshrq_n_u32(bits, 23), vdupq_n_u32(0xFF));
+    const uint32x4_t fraction = vandq_u32(bits, vdupq_n_u32(kFractionMask));
+    const uint32x4_t subnormal = vceqq_u32(exponent, vdupq_n_u32(0));
+    // A subnormal's leading one moves out of the fraction; its exponent
+    // becomes minus the count of zeros above that one.
+    const int32x4_t leading_zeros =
+        vsubq_s32(vreinterpretq_s32_u32(vclzq_u32(fraction)), vdupq_n_s32(9));
+    const uint32x4_t shifted = vandq_u32(
+        vshlq_u32(fraction, vaddq_s32(leading_zeros, vdupq_n_s32(1))), vdupq_n_u32(kFractionMask));
+    const uint32x4_t normalised = vbslq_u32(subnormal, shifted, fraction);
+    const int32x4_t scaled_exponent = vbslq_s32(subnormal, vnegq_s32(leading_zeros),
+                                                vreinterpretq_s32_u32(exponent));
+
+    const uint32x4_t odd = vtstq_u32(vreinterpretq_u32_s32(scaled_exponent), vdupq_n_u32(1));
+    const uint32x4_t table_index = vbslq_u32(odd, vshrq_n_u32(normalised, 16),
+                                             vaddq_u32(vshrq_n_u32(normalised, 15), vdupq_n_u32(128)));
+    uint32_t index[4];
+    vst1q_u32(index, table_index);
+    const uint32_t entries_array[4] = {kRecipSqrtTable[index[0]], kRecipSqrtTable[index[1]],
+                                       kRecipSqrtTable[index[2]], kRecipSqrtTable[index[3]]};
+    const uint32x4_t entry = vld1q_u32(entries_array);
+    // (380 - e) / 2 rounds down; 380 - e is positive for every exponent here.
+    const uint32x4_t result_exponent = vreinterpretq_u32_s32(
+        vshrq_n_s32(vsubq_s32(vdupq_n_s32(380), scaled_exponent), 1));
+    uint32x4_t result = vorrq_u32(vshlq_n_u32(result_exponent, 23), vshlq_n_u32(entry, 15));
+
+    const uint32x4_t magnitude = vandq_u32(bits, vdupq_n_u32(~kSignBit));
+    const uint32x4_t zero = vceqq_u32(magnitude, vdupq_n_u32(0));
+    const uint32x4_t negative = vtstq_u32(bits, vdupq_n_u32(kSignBit));
+    const uint32x4_t all_ones_exponent = vceqq_u32(exponent, vdupq_n_u32(0xFF));
+    const uint32x4_t nan = vandq_u32(all_ones_exponent, vtstq_u32(fraction, fraction));
+    result = vbslq_u32(all_ones_exponent, vdupq_n_u32(0), result);  // +inf gives +0
+    result = vbslq_u32(negative, vdupq_n_u32(kDefaultNaNBits), result);
+    result = vbslq_u32(zero, vorrq_u32(bits, vdupq_n_u32(kInfinityBits)), result);
+    result = vbslq_u32(nan, vorrq_u32(bits, vdupq_n_u32(kQuietBit)), result);
+    return vreinterpretq_f32_u32(result);
+}
+
+// The estimates the lane helpers refine: the instruction on ARM, its
+// emulation elsewhere.
+inline float32x4_t RecipEstimate(float32x4_t x) {
+#if defined(__ARM_NEON)
+    return vrecpeq_f32(x);
+#else
+    return EmulatedRecipEstimate(x);
+#endif
+}
+
+inline float32x4_t RecipSqrtEstimate(float32x4_t x) {
+#if defined(__ARM_NEON)
+    return vrsqrteq_f32(x);
+#else
+    return EmulatedRecipSqrtEstimate(x);
+#endif
+}
+
+}  // namespace kivbf::estimates
