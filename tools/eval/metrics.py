@@ -1,7 +1,8 @@
 """Quality metrics of a beamformer's output against microphone 0's talker image.
 
 Every metric works on the output shifted back by the lag at which its
-cross-correlation with the reference peaks (one block for the library).
+cross-correlation with the reference peaks (one block for the library), over
+the samples both cover (the input's last `lag` samples are left out).
 - SI-SDR: 10 log10 |a r|^2 / |y - a r|^2 with a = <y, r> / <r, r>, r the
   reference; the improvement subtracts the same figure for microphone 0's mixture.
 - SNR: talker power over noise power in the output. For a linear system the
@@ -107,8 +108,12 @@ def evaluate(output, talker_images, noise_images, sample_rate, parts=None):
         talker_part, noise_part = (shift_back(p, lag) for p in parts)
     else:
         talker_part, noise_part = (shift_back(p, lag) for p in projection_split(output, talker_images, lag))
+    # The last `lag` samples of the input never reach the output: compare the rest.
+    valid = len(output) - lag
+    reference, mixture, noise = reference[:valid], mixture[:valid], noise_images[:valid, 0]
+    aligned, talker_part, noise_part = aligned[:valid], talker_part[:valid], noise_part[:valid]
     gain = np.dot(talker_part, reference) / np.dot(talker_part, talker_part)
-    input_snr = _db(np.sum(reference ** 2) / np.sum(noise_images[:, 0] ** 2))
+    input_snr = _db(np.sum(reference ** 2) / np.sum(noise ** 2))
     return {
         "lag": lag,
         "si_sdr_in": si_sdr(mixture, reference),
