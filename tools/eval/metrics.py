@@ -11,9 +11,9 @@ the samples both cover (the input's last `lag` samples are left out).
   images filtered by FIR filters of PROJECTION_TAPS taps around the lag, and
   the rest counts as noise. The improvement subtracts the input SNR at microphone 0.
 - Log-spectral distance of the talker part (after a least-squares gain) from the
-  reference: RMS over frequency of the dB difference of the power spectra, per
-  32 ms frame, averaged over the frames whose reference level lies within
-  LSD_RANGE_DB of the loudest frame.
+  reference: RMS over LSD_BANDS log-spaced bands (100 Hz to Nyquist) of the dB
+  difference of the band powers, per 32 ms frame, averaged over the frames
+  whose reference level lies within LSD_RANGE_DB of the loudest frame.
 """
 import numpy as np
 import scipy.signal
@@ -21,7 +21,8 @@ import scipy.signal
 MAX_LAG = 1024                 # samples searched for the output's delay
 PROJECTION_HALF_TAPS = 32      # FIR taps each side of the lag: 65 per microphone
 LSD_RANGE_DB = 40.0
-LSD_FLOOR = 1e-8               # power floor relative to the reference's loudest bin
+LSD_FLOOR = 1e-8               # power floor relative to the reference's loudest band
+LSD_BANDS = 24                 # log-spaced bands: single bins' reverberant fading is not distortion
 
 
 def _db(ratio):
@@ -83,11 +84,18 @@ def projection_split(output, talker_images, lag):
     return talker, output - talker
 
 
-def log_spectral_distance(estimate, reference, sample_rate):
+def _band_powers(x, sample_rate):
+    """Power per (LSD_BANDS log-spaced band from 100 Hz to Nyquist, 32 ms frame)."""
     frame = 1 << int(round(np.log2(0.032 * sample_rate)))
-    _, _, e = scipy.signal.stft(estimate, nperseg=frame, noverlap=frame // 2)
-    _, _, r = scipy.signal.stft(reference, nperseg=frame, noverlap=frame // 2)
-    pe, pr = np.abs(e) ** 2, np.abs(r) ** 2
+    f, _, z = scipy.signal.stft(x, fs=sample_rate, nperseg=frame, noverlap=frame // 2)
+    band = np.digitize(f, np.geomspace(100.0, sample_rate / 2.0, LSD_BANDS + 1)[1:-1])
+    power = np.abs(z) ** 2
+    keep = f >= 100.0
+    return np.stack([power[keep & (band == b)].sum(axis=0) for b in range(LSD_BANDS)])
+
+
+def log_spectral_distance(estimate, reference, sample_rate):
+    pe, pr = _band_powers(estimate, sample_rate), _band_powers(reference, sample_rate)
     floor = LSD_FLOOR * pr.max()
     level = pr.sum(axis=0)
     active = level > level.max() * 10.0 ** (-LSD_RANGE_DB / 10.0)

@@ -6,7 +6,7 @@ rendering into microphone signals.
         "name": "office-5cm", "seed": 7,
         "sample_rate": 16000, "seconds": 8, "temperature": 20,
         "room": {"size": [6, 5, 3], "rt60": 0.4},        # rt60 0: anechoic
-        "array": {"spacing_cm": 5, "position": [3, 2, 1.2]},
+        "array": {"spacing_cm": 5, "position": [2.6, 1.9, 1.2]},
         "talker": {"voice": "en-us", "azimuth": 0, "distance": 1.5, "height": 1.6},
         "noise": [{"signal": "talker", "voice": "en-gb+f3", "azimuth": 60, "distance": 2},
                   {"signal": "pink", "diffuse": true, "level_db": -6}],
@@ -124,7 +124,9 @@ def render(scene):
     c = rooms.speed_of_sound(scene["temperature"])
     spacing_m = scene["array"]["spacing_cm"] / 100.0
     size = scene["room"]["size"]
-    centre = scene["array"].get("position", [0.5 * size[0], 0.4 * size[1], ARRAY_HEIGHT])
+    # Off the room's mid-plane: a talker at broadside would otherwise reach both
+    # microphones through mirror-image (identical) paths.
+    centre = scene["array"].get("position", [0.43 * size[0], 0.38 * size[1], ARRAY_HEIGHT])
     mics = rooms.microphone_positions(centre, spacing_m)
     for mic in mics:
         _inside(size, mic, "a microphone", scene["name"])
