@@ -11,7 +11,7 @@ native_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libwebrtc-audio-processing-dev
   clang libclang-rt-dev valgrind
-  python3 python3-numpy python3-matplotlib
+  python3 python3-numpy python3-matplotlib python3-scipy espeak-ng
 )
 cross_packages=()
 cross_arches=()

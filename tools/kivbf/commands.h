@@ -5,3 +5,4 @@ int Command_Info(int argc, char **argv);     // cmd_info.cpp
 int Command_Process(int argc, char **argv);  // cmd_process.cpp
 int Command_Demo(int argc, char **argv);     // cmd_demo.cpp
 int Command_Pattern(int argc, char **argv);  // cmd_pattern.cpp
+int Command_Eval(int argc, char **argv);     // cmd_eval.cpp

@@ -17,6 +17,7 @@ constexpr Command kCommands[] = {
     {"process", Command_Process, "beamform a 2-channel WAV or raw s16le stream to mono"},
     {"demo", Command_Demo, "synthesise a scene, run every mode, report attenuation"},
     {"pattern", Command_Pattern, "fixed beam response, directivity and white-noise gain, as a picture"},
+    {"eval", Command_Eval, "simulated rooms: how much each mode improves the talker (Python)"},
 };
 
 void PrintUsage() {
