@@ -12,6 +12,9 @@ native_packages=(
   libsndfile1-dev libwebrtc-audio-processing-dev
   clang libclang-rt-dev valgrind
   python3 python3-numpy python3-matplotlib python3-scipy espeak-ng
+  libsoxr-dev sox ladspa-sdk lv2-dev lilv-utils sordi lv2file
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
+  gstreamer1.0-plugins-good pipewire pipewire-bin
 )
 cross_packages=()
 cross_arches=()

@@ -3,6 +3,7 @@
 
 #include <cjson/cJSON.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "bf_internal_parameter.h"

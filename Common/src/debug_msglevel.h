@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 
 inline constexpr int32_t DML_ERR = 1;
 inline constexpr int32_t DML_WRN = 2;
@@ -22,13 +21,25 @@ inline constexpr const char *DebugMsg_Tag(int32_t kind) {
 // 1, 3, 7, 15, give the default 7. Nothing is cached.
 int32_t DebugMsgLevel_Read(void);
 
-// Prints fmt when `level` has the bit `kind`. fmt starts with "[%s] %s".
-#define DML_PRINT(level, kind, fmt, ...)                                            \
-    do {                                                                            \
-        if (((level) & (kind)) != 0)                                                \
-            std::printf(fmt, DebugMsg_Tag(kind), "" __VA_OPT__(, ) __VA_ARGS__);    \
+// The mask that decides which messages print: a KivBfExt sink's level when one
+// sets it, otherwise `level` (the handle's, read from the file at Init).
+int32_t DebugMsg_Mask(int32_t level);
+
+// Formats one message and hands it to the process's message sink (standard
+// output unless KivBfExt_SetMessageSink chose another); with no sink set the
+// bytes are exactly printf's.
+void DebugMsg_Print(int32_t kind, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// As puts (text and a newline), through the same sink, as an error.
+void DebugMsg_Puts(const char *text);
+
+// Prints fmt when the mask has the bit `kind`. fmt starts with "[%s] %s".
+#define DML_PRINT(level, kind, fmt, ...)                                                 \
+    do {                                                                                 \
+        if ((DebugMsg_Mask(level) & (kind)) != 0)                                        \
+            DebugMsg_Print(kind, fmt, DebugMsg_Tag(kind), "" __VA_OPT__(, ) __VA_ARGS__); \
     } while (0)
 
 // Prints fmt whatever the level (null-pointer messages).
 #define DML_PRINT_ALWAYS(kind, fmt, ...) \
-    std::printf(fmt, DebugMsg_Tag(kind), "" __VA_OPT__(, ) __VA_ARGS__)
+    DebugMsg_Print(kind, fmt, DebugMsg_Tag(kind), "" __VA_OPT__(, ) __VA_ARGS__)

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "debug_msglevel.h"
 #include "vector_kernels.h"
 
 static_assert(sizeof(kiss_fft_cpx) == 2 * sizeof(float), "spectra are read as interleaved floats");
@@ -65,8 +66,8 @@ bool ReportNullArguments(const FftRecord &record, const float *data, const int32
                          const float *w, const char *function) {
     if (record.fft_Ne10_cfg != nullptr && data != nullptr && ip != nullptr && w != nullptr)
         return false;
-    std::puts("[Audio] input Null in Ne10_workingBufPtr->fft_Ne10_cfg");
-    std::printf("address = %p is NULL in %s\n", record.fft_Ne10_cfg, function);
+    DebugMsg_Puts("[Audio] input Null in Ne10_workingBufPtr->fft_Ne10_cfg");
+    DebugMsg_Print(DML_ERR, "address = %p is NULL in %s\n", record.fft_Ne10_cfg, function);
     return true;
 }
 
@@ -76,20 +77,20 @@ size_t SpectrumBytes(int32_t n) { return static_cast<size_t>(n / 2 + 1) * sizeof
 
 void FFT_Init(FftRecord *record) {
     if (record == nullptr) {
-        std::puts("[FFT]The handle is NULL");
+        DebugMsg_Puts("[FFT]The handle is NULL");
         return;
     }
     if (record->ne10_init_flag == 1) {
-        std::puts("[FFT]Ne10 has init already");
+        DebugMsg_Puts("[FFT]Ne10 has init already");
         return;
     }
     if (record->fft_Ne10_cfg == nullptr) {
-        std::puts("[FFT] Please assigned the begining address about FFT workingbuffer in Init.");
+        DebugMsg_Puts("[FFT] Please assigned the begining address about FFT workingbuffer in Init.");
         return;
     }
     record->fft_Ne10_cfg = BuildConfigurations(record->fft_Ne10_cfg, record->fft_size);
     if (record->fft_Ne10_cfg == nullptr) {
-        std::puts("[Audio] memory malloc failed");
+        DebugMsg_Puts("[Audio] memory malloc failed");
         return;
     }
     record->ne10_init_flag = 1;
@@ -98,7 +99,7 @@ void FFT_Init(FftRecord *record) {
 void FFT_Rdft(FftRecord *record, int32_t n, int32_t direction, float *data, const int32_t *ip,
               const float *w) {
     if (record == nullptr) {
-        std::puts("[Audio] Ne10_workingBufPtr is Null in fft");
+        DebugMsg_Puts("[Audio] Ne10_workingBufPtr is Null in fft");
         return;
     }
     // The configurations know only the length they were built for.
@@ -131,7 +132,7 @@ void FFT_Rdft(FftRecord *record, int32_t n, int32_t direction, float *data, cons
 
 void FFT_Free(FftRecord *record) {
     if (record == nullptr) {
-        std::puts("handle is NULL in FFT_Free!\t");
+        DebugMsg_Puts("handle is NULL in FFT_Free!\t");
         return;
     }
     if (record->ne10_init_flag == 1) record->ne10_init_flag = 0;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "resample.h"
 #include "tool_common.h"
 
 namespace {
@@ -21,7 +22,8 @@ void PrintHelp() {
                  "Reads a 2-channel WAV file, or raw interleaved s16le from stdin ('-', the\n"
                  "default; give --rate), and writes the beamformed mono signal as a 16-bit WAV\n"
                  "file or as raw s16le on stdout ('-', the default). The output is as long as\n"
-                 "the input.\n\noptions:\n%s"
+                 "the input. Other rates than the library's are converted to the nearest one\n"
+                 "and back (the whole input is read first).\n\noptions:\n%s"
                  "  --compensate-latency    drop the first block so output aligns with input\n"
                  "  --help                  this text\n",
                  kLibraryOptionsHelp);
@@ -196,6 +198,45 @@ int Fail(const char *call, uint32_t status) {
     return 1;
 }
 
+// A file at a rate the library does not run at: read whole, converted to the
+// nearest supported rate, beamformed, converted back and cut to the input's
+// length.
+int ProcessResampled(const ProcessOptions &options, Source &source, Sink &sink) {
+    const uint32_t file_rate = options.library.sample_rate;
+    const uint32_t run_rate = NearestSupportedRate(file_rate);
+    if (!ResamplerAvailable()) {
+        std::fprintf(stderr,
+                     "kivbf process: %u Hz is not supported (8000, 16000, 32000 or 48000 Hz) and "
+                     "this build has no resampler (libsoxr)\n",
+                     file_rate);
+        return 1;
+    }
+    std::fprintf(stderr, "kivbf process: resampling %u Hz to %u Hz and back\n", file_rate,
+                 run_rate);
+    std::vector<int16_t> input;
+    int16_t block[2 * kBlock];
+    for (int32_t got; (got = source.Read(block)) > 0;) input.insert(input.end(), block, block + 2 * got);
+    std::vector<int16_t> converted, mono, output;
+    if (!Resample(input, 2, file_rate, run_rate, &converted)) return 1;
+    LibrarySettings settings = options.library;
+    settings.sample_rate = run_rate;
+    Beamformer bf(settings);
+    if (!bf.Ok()) {
+        std::fprintf(stderr, "kivbf process: %s\n", bf.Error().c_str());
+        return 1;
+    }
+    if (const uint32_t status = ProcessSignal(bf, converted, options.compensate_latency, &mono);
+        status != KIVBF_OK)
+        return Fail("KivBf_Run", status);
+    if (!Resample(mono, 1, run_rate, file_rate, &output)) return 1;
+    output.resize(input.size() / 2, 0);
+    if (!sink.Write(output)) {
+        std::fprintf(stderr, "kivbf process: write failed\n");
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int Command_Process(int argc, char **argv) {
@@ -211,6 +252,8 @@ int Command_Process(int argc, char **argv) {
     Sink sink;
     if (!sink.Open(options.output, options.library.sample_rate) || !MoveLibraryMessagesToStderr())
         return 1;
+    if (NearestSupportedRate(options.library.sample_rate) != options.library.sample_rate)
+        return ProcessResampled(options, source, sink);
 
     Beamformer bf(options.library);
     if (!bf.Ok()) {

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "resample.h"
+
 namespace {
 
 struct StatusEntry {
@@ -149,7 +151,8 @@ constexpr const char *kValueOptions[] = {
 }  // namespace
 
 const char kLibraryOptionsHelp[] =
-    "  --rate HZ               sample rate of raw input: 8000, 16000, 32000, 48000 (16000)\n"
+    "  --rate HZ               sample rate of raw input; others than 8000, 16000, 32000,\n"
+    "                          48000 are resampled (16000)\n"
     "  --spacing CM            microphone spacing in centimetres (5)\n"
     "  --shape linear|circular array shape (linear)\n"
     "  --mode 0..4             0 adaptive, 1 fixed, 2 fixed + canceller, 3/4 post-filter (0)\n"
@@ -198,7 +201,10 @@ Beamformer::Beamformer(const LibrarySettings &settings) : direction_(settings.di
     const AudioBfInit init{KIVBF_POINT_NUMBER, settings.sample_rate, settings.spacing_cm, 2};
     handle_ = KivBf_Init(storage_, &init);
     if (handle_ == nullptr) {
-        error_ = "KivBf_Init failed (see the library's message)";
+        error_ = NearestSupportedRate(settings.sample_rate) == settings.sample_rate
+                     ? "KivBf_Init failed (see the library's message)"
+                     : "KivBf_Init failed: " + std::to_string(settings.sample_rate) +
+                           " Hz is not supported (8000, 16000, 32000 or 48000 Hz)";
         return;
     }
     AudioBfConfig config{};

@@ -15,12 +15,14 @@ KIVBF_LIBRARY (a path), then the system's search for "kivbf".
 """
 import ctypes
 import ctypes.util
+import math
 import os
+import sys
 
 import numpy as np
 
 __all__ = ["KivBfError", "Beamformer", "process", "get_buffer_size", "get_api_version",
-           "STATUS_NAMES", "POINT_NUMBER"]
+           "STATUS_NAMES", "POINT_NUMBER", "SAMPLE_RATES", "nearest_sample_rate"]
 
 STATUS_NAMES = {
     0x00000000: "KIVBF_OK",
@@ -58,6 +60,7 @@ GEOMETRY_LINEAR = 0
 GEOMETRY_CIRCULAR = 1
 POINT_NUMBER = 128
 MICS = 2
+SAMPLE_RATES = (8000, 16000, 32000, 48000)
 
 
 class KivBfError(Exception):
@@ -66,13 +69,13 @@ class KivBfError(Exception):
     `code` is the status (None when KivBf_Init / KivBf_Reset returned NULL),
     `name` its macro name, `call` the library function."""
 
-    def __init__(self, code, call):
+    def __init__(self, code, call, reason=None):
         self.code = code
         self.call = call
         self.name = STATUS_NAMES.get(code, "unknown status") if code is not None else "NULL handle"
         where = f"{call}: " if call else ""
         text = f"{self.name} (0x{code:08X})" if code is not None else self.name
-        super().__init__(where + text)
+        super().__init__(where + text + (f": {reason}" if reason else ""))
 
 
 class AudioBfInit(ctypes.Structure):
@@ -165,7 +168,7 @@ class Beamformer:
         self._init = AudioBfInit(point_number, sample_rate, microphone_distance, mic_number)
         handle = _lib.KivBf_Init(self._buffer, ctypes.byref(self._init))
         if not handle:
-            raise KivBfError(None, "KivBf_Init")
+            raise KivBfError(None, "KivBf_Init", _init_refusal(self._init))
         self._handle = ctypes.c_void_p(handle)
 
     @property
@@ -282,6 +285,32 @@ def _to_pcm(x):
     return np.ascontiguousarray(x, dtype=np.int16)
 
 
+def _init_refusal(init):
+    """Why KivBf_Init refuses `init`, as far as the record shows."""
+    if init.sample_rate not in SAMPLE_RATES:
+        rates = ", ".join(str(r) for r in SAMPLE_RATES)
+        return f"sample rate {init.sample_rate} Hz is not supported ({rates} Hz)"
+    if init.point_number != POINT_NUMBER:
+        return f"point_number {init.point_number} is not {POINT_NUMBER}"
+    if init.mic_number != MICS:
+        return f"mic_number {init.mic_number} is not {MICS}"
+    if not init.microphone_distance > 0:
+        return f"microphone_distance {init.microphone_distance} is not above 0"
+    return None
+
+
+def nearest_sample_rate(rate):
+    """The supported rate nearest to `rate` (ties to the higher one)."""
+    return min(reversed(SAMPLE_RATES), key=lambda r: abs(r - rate))
+
+
+def _resample(x, rate_from, rate_to):
+    """Float signal along axis 0 from one rate to another (polyphase, scipy)."""
+    from scipy.signal import resample_poly
+    common = math.gcd(rate_from, rate_to)
+    return resample_poly(x, rate_to // common, rate_from // common, axis=0)
+
+
 def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR, mode=MODE_ADAPTIVE,
             angle=0.0, direction=0.0, compensate_latency=True, intensity=None, pf_flow=None,
             calibration=0, dynamic_loading=None, **config):
@@ -291,8 +320,21 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
     many samples as x, int16 (floats in, floats out). With compensate_latency
     the library's one block of delay is removed. `config` takes AudioBfConfig
     fields (temperature defaults to 20 C); dynamic_loading is (band, factors).
-    Mode 4, which KivBf_SetMode refuses but keeps, is run all the same."""
+    Mode 4, which KivBf_SetMode refuses but keeps, is run all the same.
+    Other sample rates are converted to the nearest supported one and back
+    with scipy.signal.resample_poly (a note goes to stderr)."""
     floats = np.issubdtype(np.asarray(x).dtype, np.floating)
+    if sample_rate not in SAMPLE_RATES:
+        run_rate = nearest_sample_rate(sample_rate)
+        print(f"kivbf.process: resampling {sample_rate} Hz to {run_rate} Hz and back", file=sys.stderr)
+        signal = _to_pcm(x).astype(np.float64) / 32768.0
+        mono = process(_resample(signal, sample_rate, run_rate), run_rate, microphone_distance, shape, mode,
+                       angle, direction, compensate_latency, intensity, pf_flow, calibration,
+                       dynamic_loading, **config)
+        back = _resample(mono, run_rate, sample_rate)
+        out = np.zeros(signal.shape[0])
+        out[:min(len(back), len(out))] = back[:len(out)]
+        return out if floats else np.clip(np.round(out * 32768.0), -32768, 32767).astype(np.int16)
     pcm = _to_pcm(x)
     frames = pcm.shape[0]
     with Beamformer(sample_rate, microphone_distance) as bf:

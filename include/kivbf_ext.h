@@ -1,0 +1,75 @@
+/*
+ * kivbf extensions: capabilities beyond the calls of AudioBfProcess.h.
+ *
+ * Every extension is off until the caller turns it on; with none turned on the
+ * library behaves, prints and outputs exactly as without this header. Calls are
+ * prefixed KivBfExt_ and return KIVBF_OK (0) or a KIVBFEXT_ERR_* code from
+ * their own range, 0x10000400..0x100004FF. The header is grouped in sections,
+ * one per extension.
+ */
+#ifndef KIVBF_EXT_H
+#define KIVBF_EXT_H
+
+#include <stdint.h>
+
+#include "AudioBfProcess.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Status codes ------------------------------------------------------ */
+
+#define KIVBFEXT_ERR_MESSAGE_SINK     0x10000401u /* bad message sink record */
+
+/* ---- Messages ------------------------------------------------------------
+ *
+ * The library prints its diagnostics (see "Diagnostics" in the README) to
+ * standard output. A process can send them elsewhere instead: to standard
+ * error, to a callback, or nowhere, and can replace the level mask that is
+ * otherwise read from the level file at Init.
+ *
+ *   static const KivBfExtMessageSink to_stderr = {
+ *       KIVBFEXT_SINK_STDERR, NULL, NULL, KIVBFEXT_LEVEL_FROM_FILE };
+ *   KivBfExt_SetMessageSink(&to_stderr);
+ *
+ * The setting is per process and shared by every handle. The library keeps
+ * only the pointer: the record must stay valid and unchanged until another
+ * record (or NULL) has been set and no library call that started before that
+ * can still be printing. A static const record is the simple way.
+ */
+
+/* Where messages go. */
+#define KIVBFEXT_SINK_STDOUT          0u /* standard output (the default) */
+#define KIVBFEXT_SINK_STDERR          1u /* standard error */
+#define KIVBFEXT_SINK_CALLBACK        2u /* the record's callback */
+#define KIVBFEXT_SINK_DISCARD         3u /* nowhere */
+
+/* Level value that keeps the mask read from the level file. */
+#define KIVBFEXT_LEVEL_FROM_FILE      (-1)
+
+/* Receives one message: `kind` is 1 (error), 2 (warning) or 4 (information),
+ * `text` the whole message as it would have been printed, NUL-terminated,
+ * cut to 1023 bytes. Called on the thread of the library call that prints;
+ * it must not call back into the library on the same handle. */
+typedef void (*KivBfExtMessageFn)(void *user, int32_t kind, const char *text);
+
+typedef struct {
+    uint32_t destination;       /* KIVBFEXT_SINK_* */
+    KivBfExtMessageFn callback; /* required for KIVBFEXT_SINK_CALLBACK, else ignored */
+    void *user;                 /* handed to the callback as is */
+    int32_t level;              /* KIVBFEXT_LEVEL_FROM_FILE, or a mask 0, 1, 3, 7 or 15
+                                   used instead of the file's; messages about null
+                                   handles and pointers are printed at every level */
+} KivBfExtMessageSink;
+
+/* Sets the process's message sink; NULL restores standard output and the
+ * file's level. KIVBFEXT_ERR_MESSAGE_SINK (nothing changed) for an unknown
+ * destination, a callback destination without a callback, or another level. */
+KIVBF_API uint32_t KivBfExt_SetMessageSink(const KivBfExtMessageSink *sink);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KIVBF_EXT_H */
