@@ -2,7 +2,8 @@
 # Instructions per block (and per set-up call) under callgrind; unlike
 # wall-clock figures they do not move with the load on the machine.
 #   bench/callgrind.sh [build-dir]      (default: build-bench, built by scripts/run-bench.sh)
-# Prints one line per case (Ir per block or call, the ratio to the FFT floor,
+# Prints one line per case (Ir per block or call, the ratio to the FFT floor
+# of KissFFT called directly,
 # millions of instructions per second of 16 kHz audio and the peer's over
 # ours); KIVBF_CALLGRIND_STAGES=1 adds the inclusive count
 # per stage function for mode 3 noise blocks and mode 0 noise blocks.
@@ -41,6 +42,7 @@ row() {  # label Ir [per-second]
 }
 printf '%-24s %10s %8s %10s %8s\n' case 'Ir' 'x floor' 'MIr/s' 'peer/us'
 row fft_floor "$floor"
+row fft_own "$(per_unit $blocks fft_own $blocks)"
 row peer_per_10ms "$peer"
 for mode in 0 1 2 3 4; do
     for gate in level vad; do

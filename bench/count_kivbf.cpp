@@ -2,7 +2,8 @@
 // around it, so that callgrind.sh can divide the instruction count by the
 // number of blocks (or calls). Outside valgrind the switches do nothing.
 //   count_kivbf run MODE GATE STREAM BLOCKS   GATE level|vad, STREAM mixed|noise|speech
-//   count_kivbf fft BLOCKS                    two forward + one inverse FFT per block
+//   count_kivbf fft BLOCKS                    the FFT floor: two forward + one inverse KissFFT per block
+//   count_kivbf fft_own BLOCKS                the same three transforms through FFT_Rdft
 //   count_kivbf setmode MODE CALLS
 //   count_kivbf init CALLS
 //   count_kivbf peer FRAMES                   the WebRTC beamformer, 10 ms frames
@@ -16,6 +17,7 @@
 
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core.h"
+#include "kiss_floor.h"
 #include "peer_webrtc.h"
 #include "scene.h"
 
@@ -26,7 +28,7 @@ namespace {
 int Usage() {
     std::fprintf(stderr,
                  "usage: count_kivbf run MODE level|vad mixed|noise|speech BLOCKS\n"
-                 "       count_kivbf fft BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n");
+                 "       count_kivbf fft BLOCKS | fft_own BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n");
     return 2;
 }
 
@@ -45,7 +47,16 @@ int CountRun(uint32_t mode, const std::string &gate, const std::string &stream, 
     return 0;
 }
 
-int CountFft(int blocks) {
+int CountFftFloor(int blocks) {
+    Instance instance(1, 0);
+    KissFloor floor(*Bf_StateOf(instance.handle()));
+    CALLGRIND_TOGGLE_COLLECT;
+    for (int i = 0; i < blocks; ++i) floor.Block();
+    CALLGRIND_TOGGLE_COLLECT;
+    return 0;
+}
+
+int CountFftOwn(int blocks) {
     Instance instance(1, 0);
     BfCoreState &s = *Bf_StateOf(instance.handle());
     alignas(16) float a[kivbf::kSpectrumFloats] = {}, b[kivbf::kSpectrumFloats] = {},
@@ -104,7 +115,8 @@ int main(int argc, char **argv) {
     const std::string what = argv[1];
     if (what == "run" && argc == 6)
         return CountRun(static_cast<uint32_t>(std::atoi(argv[2])), argv[3], argv[4], std::atoi(argv[5]));
-    if (what == "fft" && argc == 3) return CountFft(std::atoi(argv[2]));
+    if (what == "fft" && argc == 3) return CountFftFloor(std::atoi(argv[2]));
+    if (what == "fft_own" && argc == 3) return CountFftOwn(std::atoi(argv[2]));
     if (what == "setmode" && argc == 4)
         return CountSetMode(static_cast<uint32_t>(std::atoi(argv[2])), std::atoi(argv[3]));
     if (what == "init" && argc == 3) return CountInit(std::atoi(argv[2]));

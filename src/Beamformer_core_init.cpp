@@ -81,7 +81,6 @@ int32_t Bf_CoreInit(BfCoreState &s) {
     Bf_SetUnityGains(s);
 
     s.fft_record.ne10_init_flag = 0;
-    FFT_Init(&s.fft_record);
-    // The wrapper marks a record it could set up; without one no block can run.
-    return s.fft_record.ne10_init_flag == 1 ? 0 : -1;
+    // Without the transform's set-up no block can run.
+    return FFT_Init(&s.fft_record) ? 0 : -1;
 }

@@ -1,5 +1,5 @@
-// Real-FFT wrapper: one 256-point real FFT and its inverse, with all tables
-// in a region of the caller's working buffer (no heap).
+// Real-FFT wrapper: one 256-point real FFT and its inverse, working in the
+// record and in a region of the caller's working buffer (no heap).
 //
 // Spectrum layout: N/2 + 1 bins as N + 2 floats, Re[0], Im[0], ..., Re[N/2],
 // Im[N/2]. Forward is unscaled and writes Im[0] = Im[N/2] = 0; the inverse
@@ -10,9 +10,9 @@
 #include <cstdint>
 
 struct FftRecord {
-    alignas(16) float fft_scratch[258];  // staging spectrum, N/2 + 1 complex values
-    void *fft_Ne10_cfg;      // FFT region of the working buffer; holds the configurations
-    int32_t ne10_init_flag;  // 1 once FFT_Init has built the configurations
+    alignas(16) float fft_scratch[258];  // half-length spectrum between the complex transform and the split
+    void *fft_Ne10_cfg;      // FFT region of the working buffer; holds the transform's work arrays
+    int32_t ne10_init_flag;  // 1 once FFT_Init has accepted the length and the region
     int32_t fft_size;        // transform length N (256)
 };
 
@@ -25,11 +25,14 @@ constexpr uint32_t FFT_GetBufferSize(int32_t n) {
     return static_cast<uint32_t>(18 * n + 96 * (n / 32 + 1) + 556);
 }
 
-// Builds the forward and inverse configurations for record->fft_size points
-// in the region record->fft_Ne10_cfg points to; sets ne10_init_flag.
-void FFT_Init(FftRecord *record);
+// Prepares the region record->fft_Ne10_cfg points to for record->fft_size
+// points and sets ne10_init_flag. Only N = 256 is built; false (with a
+// message) when the record or region is missing or the length is another.
+// A second call on an initialised record changes nothing and returns true.
+bool FFT_Init(FftRecord *record);
 // In-place transform of `data` (n + 2 floats); direction FFT_FORWARD or
-// FFT_INVERSE, anything else does nothing. ip and w are only tested for null.
+// FFT_INVERSE, anything else does nothing, as does an n other than the
+// record's 256. ip and w are only tested for null.
 void FFT_Rdft(FftRecord *record, int32_t n, int32_t direction, float *data, const int32_t *ip,
               const float *w);
 // Clears ne10_init_flag.
