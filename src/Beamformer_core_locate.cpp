@@ -28,8 +28,10 @@ constexpr float kNoiseLearning = 0.05f;     // share of a noise block in the noi
 constexpr float kNoiseFall = 0.3f;          // how fast the noise power follows a lower power
 constexpr float kNoiseFallRatio = 0.3f;    // power / noise below this: the noise has fallen
 constexpr float kNoiseRise = 1.002f;        // per block above the noise: follows rising noise
-constexpr float kPresenceRatio = 3.0f;      // power / noise from which a bin is evidence
+constexpr float kPresenceRatio = 4.0f;      // power / noise from which a bin is evidence
 constexpr float kMaxBinWeight = 12.0f;      // one loud bin counts at most this much
+constexpr float kOnsetBase = 1.0f;          // power / previous smoothed power below it: no weight
+constexpr float kMaxOnset = 3.0f;
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
 constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
@@ -62,8 +64,8 @@ V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V 
     const V cross_re = Add(Mul(re0, re1), Mul(im0, im1));
     const V cross_im = Sub(Mul(im0, re1), Mul(re0, im1));
 
-    V smoothed = Load(l.power + i, re0);
-    smoothed = Add(smoothed, Mul(Splat(kPowerSmoothing, re0), Sub(power, smoothed)));
+    const V previous = Load(l.power + i, re0);
+    const V smoothed = Add(previous, Mul(Splat(kPowerSmoothing, re0), Sub(power, previous)));
     const V noise = Load(l.noise_power + i, re0);
     V noise_re = Load(l.noise_cross_re + i, re0);
     V noise_im = Load(l.noise_cross_im + i, re0);
@@ -84,8 +86,14 @@ V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V 
     Store(l.noise_cross_re + i, noise_re);
     Store(l.noise_cross_im + i, noise_im);
 
-    const V weight = Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
-                         Splat(kMaxBinWeight, re0));
+    // Rising power favours the direct sound over the room's reverberation,
+    // which follows it.
+    const V onset = Min(Max(Sub(Div(power, Max(previous, Splat(kPowerFloor, re0))), Splat(kOnsetBase, re0)),
+                            Splat(0.0f, re0)),
+                        Splat(kMaxOnset, re0));
+    const V weight = Mul(Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
+                             Splat(kMaxBinWeight, re0)),
+                         onset);
     const V z_re = Sub(cross_re, noise_re);
     const V z_im = Sub(cross_im, noise_im);
     const V magnitude = Root(Add(Add(Mul(z_re, z_re), Mul(z_im, z_im)), Splat(kPowerFloor, re0)));
@@ -116,7 +124,9 @@ void Build(BfCoreState &s) {
 
     const uint32_t switches[3] = {l.auto_steer, l.finder_on, l.window_on};
     const float window[2] = {l.window_low, l.window_high};
+    const float direction = l.window_on == 1 ? l.direction : 0.0f;
     std::memset(&l, 0, sizeof l);
+    l.direction = direction;
     l.auto_steer = switches[0];
     l.finder_on = switches[1];
     l.window_on = switches[2];
@@ -193,6 +203,7 @@ void AccumulateMap(BfLocateState &l) {
             // sources 60 degrees apart give two peaks, not one between them.
             const float32x4_t agreement = vaddq_f32(vmulq_f32(e_re, re), vmulq_f32(e_im, im));
             float32x4_t lobe = vaddq_f32(half, vmulq_f32(half, agreement));
+            lobe = vmulq_f32(lobe, lobe);
             lobe = vmulq_f32(lobe, lobe);
             lobe = vmulq_f32(lobe, lobe);
             lobe = vmulq_f32(lobe, lobe);
@@ -285,6 +296,7 @@ void Bf_LocateSetWindow(BfCoreState &s, float centre_deg, float half_width_deg) 
         return static_cast<float>(math::Sin(degrees / kDegreesPerRadian));
     };
     l.window_on = 1;
+    if (l.confidence == 0.0f) l.direction = centre_deg;  // what GetDirection says until an estimate
     l.window_low = sine_of(centre_deg - half_width_deg);
     l.window_high = sine_of(centre_deg + half_width_deg);
 }

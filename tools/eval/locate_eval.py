@@ -61,9 +61,11 @@ def run_finder(rendered, window=None):
                         temperature=rendered.library["temperature"])
 
 
-def settle_seconds(estimate, truth_after, move_block, rate):
-    """Seconds after the move from which every estimate stays within 10 degrees."""
-    off = np.nonzero(np.abs(estimate[move_block:] - truth_after) > NEAR_DEG)[0]
+def settle_seconds(estimate, truth_after, active, move_block, rate):
+    """Seconds from the talker's first active block after the move until every
+    later estimate stays within 10 degrees."""
+    speaking = move_block + int(np.argmax(active[move_block:]))
+    off = np.nonzero(np.abs(estimate[speaking:] - truth_after) > NEAR_DEG)[0]
     last_off = off[-1] + 1 if len(off) else 0
     return last_off * BLOCK / rate
 
@@ -86,7 +88,8 @@ def evaluate(scene):
         result["outside"] = int(np.sum((windowed < low - 1e-3) | (windowed > high + 1e-3)))
     if "move_to" in scene:
         move_block = int(scene["move_at"] * rate) // BLOCK
-        result["settle"] = settle_seconds(estimate, float(scene["move_to"]), move_block, rate)
+        result["settle"] = settle_seconds(estimate, float(scene["move_to"]),
+                                          active_blocks(rendered.talker[:, 0], rate)[:blocks], move_block, rate)
     return result
 
 
