@@ -54,6 +54,7 @@ done
 row setmode/mode1 "$(per_unit 10 setmode 1 10)"
 row setmode/mode3 "$(per_unit 10 setmode 3 10)"
 row init "$(per_unit 10 init 10)"
+row locate "$(per_unit $blocks locate $blocks)"
 
 if [[ ${KIVBF_CALLGRIND_STAGES:-0} == 1 ]]; then
     for mode in 3 0; do

@@ -122,7 +122,8 @@ extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_
 
     Bf_Analysis(s);
     Bf_Calibrate(s);
-    TakeDirection(s, *direction);
+    if (Bf_LocateEnabled(s)) Bf_Locate(s);
+    TakeDirection(s, Bf_SteeringDirection(s, *direction));
 
     const int32_t mode = s.mode;
     if (IsAdaptiveMode(mode)) {

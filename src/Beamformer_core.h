@@ -23,6 +23,49 @@ inline constexpr int32_t kPadLength = kBins + 2 * (kSmoothTaps - 1);  // 171
 
 #define BF_ALIGN alignas(16)
 
+namespace kivbf {
+inline constexpr int32_t kLocateGrid = 32;     // candidate directions, uniform in sin(angle)
+inline constexpr int32_t kLocateMaxBins = 64;  // bins the finder weighs at most
+}  // namespace kivbf
+
+// Direction finder and automatic steering (Beamformer_core_locate.cpp). All
+// zero is off: nothing here is read while neither switch is on.
+struct BfLocateState {
+    uint32_t auto_steer;        // 1: modes 0, 3, 4 steer at the estimate (KivBfExt_SetAutoSteer)
+    uint32_t finder_on;         // 1: the finder runs without steering
+    uint32_t window_on;         // 1: the answer is confined to [window_low, window_high]
+    float window_low;           // sin of the window's edges, -1..1
+    float window_high;
+    // What the grid was built from; a change rebuilds it and restarts tracking.
+    int32_t built;
+    float built_speed;          // m/s
+    float built_axis;           // metres, microphone 1's x minus microphone 0's
+    uint32_t built_rate;        // Hz
+    int32_t first_bin;          // the band the finder weighs
+    int32_t bin_count;          // <= kLocateMaxBins
+    int32_t blocks_seen;        // since the build, counted up to the start-up length
+    // Per candidate g: the expected cross-spectrum phase at first_bin and its
+    // advance per bin, exp(j 2 pi f axis sin_g / c) in the FFT's convention.
+    BF_ALIGN float phase_re[kivbf::kLocateGrid];
+    BF_ALIGN float phase_im[kivbf::kLocateGrid];
+    BF_ALIGN float advance_re[kivbf::kLocateGrid];
+    BF_ALIGN float advance_im[kivbf::kLocateGrid];
+    BF_ALIGN float map[kivbf::kLocateGrid];        // tracked steered response power
+    float map_weight;                              // tracked evidence the map holds
+    // Per bin of the band: smoothed power, the noise's power and cross-spectrum.
+    BF_ALIGN float power[kivbf::kLocateMaxBins];
+    BF_ALIGN float noise_power[kivbf::kLocateMaxBins];
+    BF_ALIGN float noise_cross_re[kivbf::kLocateMaxBins];
+    BF_ALIGN float noise_cross_im[kivbf::kLocateMaxBins];
+    // Scratch: the block's cross-spectrum, less the noise's, as a unit phasor,
+    // and the bin's weight as evidence.
+    BF_ALIGN float evidence_re[kivbf::kLocateMaxBins];
+    BF_ALIGN float evidence_im[kivbf::kLocateMaxBins];
+    BF_ALIGN float evidence_weight[kivbf::kLocateMaxBins];
+    float direction;            // degrees, -90..90
+    float confidence;           // 0..1; 0 until a first estimate
+};
+
 struct BfCoreState {
     // --- Post-filter gain and run-time switches -----------------------------------
     BF_ALIGN float pf_gain[kivbf::kBins];  // per-bin post-filter gain; 1.0 outside the post-filter
@@ -173,6 +216,9 @@ struct BfCoreState {
     BF_ALIGN float speech_presence[kivbf::kBins];  // second gain array; 1.0, never rewritten
     BF_ALIGN float pf_raw_gain[kivbf::kBins];      // unsmoothed gain; persists
 
+    // --- Direction finding and automatic steering (extension) ----------------------------
+    BF_ALIGN BfLocateState locate;
+
     // --- Region 2: the VAD instance, last ---------------------------------------------
     void *vad_instance;
 };
@@ -181,6 +227,7 @@ static_assert(std::is_trivially_copyable_v<BfCoreState>);
 static_assert(std::is_standard_layout_v<BfCoreState>);
 static_assert(alignof(BfCoreState) == 16);
 static_assert(sizeof(BfCoreState) % 16 == 0, "regions 2 and 3 stay 16-byte aligned");
+static_assert(sizeof(BfLocateState) <= 3000, "the direction finder's share of the working buffer");
 
 // --- Initialisation and settings (Beamformer_core_init.cpp) ---------------------------
 int32_t Bf_CoreInit(BfCoreState &s);                // defaults of every adaptive array; FFT set-up
@@ -212,3 +259,12 @@ void Bf_PostFilterApply(BfCoreState &s);       // pf_flow 1 (Beamformer_core_pos
 void Bf_PostFilterMix(BfCoreState &s);         // other flows (Beamformer_core_postfilter.cpp)
 void Bf_Synthesis(BfCoreState &s, const float *spectrum, float *destination);  // (spectral)
 void Bf_OutputStage(BfCoreState &s, int16_t *output);  // overlap-add, gain, PCM (output)
+
+// --- Direction finder (Beamformer_core_locate.cpp) ---------------------------------------
+bool Bf_LocateEnabled(const BfCoreState &s);  // either switch on
+void Bf_Locate(BfCoreState &s);               // one block into the tracked estimate
+// The direction the adaptive stages steer at: the estimate with automatic
+// steering on and an estimate made, otherwise the caller's.
+float Bf_SteeringDirection(const BfCoreState &s, float caller_direction);
+// Sets locate.window_* from degrees; half_width >= 180 removes the window.
+void Bf_LocateSetWindow(BfCoreState &s, float centre_deg, float half_width_deg);

@@ -30,8 +30,10 @@ def gain_db(y, x):
 
 class Binding(unittest.TestCase):
     def test_status_names_match_the_header(self):
-        with open(os.path.join(SOURCE, "include", "AudioBfProcess.h")) as f:
-            header = dict(re.findall(r"#define (KIVBF_(?:OK|ERR_\w+))\s+(0x[0-9A-Fa-f]+)u", f.read()))
+        header = {}
+        for name in ("AudioBfProcess.h", "kivbf_ext.h"):
+            with open(os.path.join(SOURCE, "include", name)) as f:
+                header.update(re.findall(r"#define (KIVBF(?:EXT)?_(?:OK|ERR_\w+))\s+(0x[0-9A-Fa-f]+)u", f.read()))
         self.assertEqual({name: int(code, 16) for name, code in header.items()},
                          {name: code for code, name in kivbf.STATUS_NAMES.items()})
 

@@ -106,6 +106,16 @@ def mode3(pcm, scene):
     return run_library(pcm, scene, kivbf.MODE_POSTFILTER)
 
 
+@processor("0auto", "mode 0 steered by the direction finder", linear=False)
+def mode0_auto(pcm, scene):
+    return run_library(pcm, scene, kivbf.MODE_ADAPTIVE, setup=lambda bf: bf.set_auto_steer(1))
+
+
+@processor("3auto", "mode 3 steered by the direction finder", linear=False)
+def mode3_auto(pcm, scene):
+    return run_library(pcm, scene, kivbf.MODE_POSTFILTER, setup=lambda bf: bf.set_auto_steer(1))
+
+
 def delay(x, seconds, sample_rate):
     """x delayed by a (fractional, non-negative) number of seconds, as a linear
     phase over the whole signal (zero-padded so nothing wraps)."""

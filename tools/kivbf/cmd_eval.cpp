@@ -13,5 +13,8 @@ int Command_Eval(int argc, char **argv) {
     if (std::getenv("KIVBF_LIBRARY") == nullptr)
         setenv("KIVBF_LIBRARY", PythonBindingLibrary().c_str(), 1);
     std::vector<std::string> arguments(argv, argv + argc);
+    // --locate: the direction finder's benchmark (its own scenes and targets).
+    if (!arguments.empty() && arguments.front() == "--locate")
+        return RunPythonScript("eval/locate_eval.py", {arguments.begin() + 1, arguments.end()});
     return RunPythonScript("eval/run_eval.py", arguments);
 }

@@ -6,3 +6,4 @@ int Command_Process(int argc, char **argv);  // cmd_process.cpp
 int Command_Demo(int argc, char **argv);     // cmd_demo.cpp
 int Command_Pattern(int argc, char **argv);  // cmd_pattern.cpp
 int Command_Eval(int argc, char **argv);     // cmd_eval.cpp
+int Command_Locate(int argc, char **argv);   // cmd_locate.cpp

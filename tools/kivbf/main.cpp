@@ -18,6 +18,7 @@ constexpr Command kCommands[] = {
     {"demo", Command_Demo, "synthesise a scene, run every mode, report attenuation"},
     {"pattern", Command_Pattern, "fixed beam response, directivity and white-noise gain, as a picture"},
     {"eval", Command_Eval, "simulated rooms: how much each mode improves the talker (Python)"},
+    {"locate", Command_Locate, "where the talker is: the direction finder over a WAV file (Python)"},
 };
 
 void PrintUsage() {

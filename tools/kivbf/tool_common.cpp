@@ -1,5 +1,7 @@
 #include "tool_common.h"
 
+#include "kivbf_ext.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +18,8 @@ struct StatusEntry {
 
 constexpr StatusEntry kStatusNames[] = {
     {KIVBF_OK, "KIVBF_OK"},
+    {KIVBFEXT_ERR_AUTO_STEER, "KIVBFEXT_ERR_AUTO_STEER"},
+    {KIVBFEXT_ERR_SEARCH_WINDOW, "KIVBFEXT_ERR_SEARCH_WINDOW"},
     {KIVBF_ERR_NOT_INITIALISED, "KIVBF_ERR_NOT_INITIALISED"},
     {KIVBF_ERR_NULL_CONFIG, "KIVBF_ERR_NULL_CONFIG"},
     {KIVBF_ERR_HANDLE, "KIVBF_ERR_HANDLE"},
@@ -137,6 +141,10 @@ bool ParseValue(const char *name, const char *text, LibrarySettings *s) {
     } else if (std::strcmp(name, "--dynamic-loading") == 0) {
         if (!ParseDynamicLoading(text, s)) return false;
         s->has_dynamic_loading = true;
+    } else if (std::strcmp(name, "--window") == 0) {
+        char tail = 0;
+        if (std::sscanf(text, "%f,%f%c", &s->window_centre, &s->window_half_width, &tail) != 2) return false;
+        s->has_window = true;
     }
     return true;
 }
@@ -145,7 +153,7 @@ constexpr const char *kValueOptions[] = {
     "--rate",      "--spacing",     "--shape",        "--mode",      "--angle",
     "--direction", "--temperature", "--threshold-db", "--noise-estimation",
     "--output-gain", "--vad",       "--loading",      "--calibration", "--intensity",
-    "--pf-flow",   "--dynamic-loading",
+    "--pf-flow",   "--dynamic-loading", "--window",
 };
 
 }  // namespace
@@ -165,6 +173,8 @@ const char kLibraryOptionsHelp[] =
     "  --vad 0|1               let the VAD choose the noise blocks (0)\n"
     "  --loading N             diagonal loading in units of 0.0001, 1..100 (10)\n"
     "  --calibration 0|1       equalise microphone 1 to microphone 0 (0)\n"
+    "  --auto-steer            modes 0, 3, 4 steer at the direction finder's estimate\n"
+    "  --window C,W            confine the estimate to C +- W degrees\n"
     "  --intensity 0..4        adaptive intensity (library default 1)\n"
     "  --pf-flow 0..2          post-filter flow (library default 1)\n"
     "  --dynamic-loading b1,..,b6:i1,..,i7\n"
@@ -178,6 +188,10 @@ const char *StatusName(uint32_t status) {
 
 OptionResult ParseLibraryOption(int argc, char **argv, int *index, LibrarySettings *settings) {
     const char *name = argv[*index];
+    if (std::strcmp(name, "--auto-steer") == 0) {
+        settings->auto_steer = true;
+        return OptionResult::kConsumed;
+    }
     for (const char *option : kValueOptions) {
         if (std::strcmp(name, option) != 0) continue;
         const char *value = *index + 1 < argc ? argv[*index + 1] : nullptr;
@@ -235,6 +249,11 @@ Beamformer::Beamformer(const LibrarySettings &settings) : direction_(settings.di
                KivBf_SetAdaptiveIntensity(handle_, settings.intensity)))
         return;
     if (settings.has_pf_flow && !Check("KivBf_SetPfFlow", KivBf_SetPfFlow(handle_, settings.pf_flow)))
+        return;
+    if (settings.auto_steer && !Check("KivBfExt_SetAutoSteer", KivBfExt_SetAutoSteer(handle_, 1))) return;
+    if (settings.has_window &&
+        !Check("KivBfExt_SetSearchWindow",
+               KivBfExt_SetSearchWindow(handle_, settings.window_centre, settings.window_half_width)))
         return;
 }
 

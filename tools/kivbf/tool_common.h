@@ -31,6 +31,10 @@ struct LibrarySettings {
     bool has_dynamic_loading = false;
     int32_t bands[6] = {};
     int32_t band_intensity[7] = {};
+    bool auto_steer = false;   // kivbf_ext.h: the direction finder steers modes 0, 3, 4
+    bool has_window = false;   // search window, degrees
+    float window_centre = 0.0f;
+    float window_half_width = 180.0f;
 };
 
 // "KIVBF_ERR_..." for a status code, "unknown status" otherwise.

@@ -21,7 +21,7 @@ import sys
 
 import numpy as np
 
-__all__ = ["KivBfError", "Beamformer", "process", "get_buffer_size", "get_api_version",
+__all__ = ["KivBfError", "Beamformer", "process", "locate", "get_buffer_size", "get_api_version",
            "STATUS_NAMES", "POINT_NUMBER", "SAMPLE_RATES", "nearest_sample_rate"]
 
 STATUS_NAMES = {
@@ -47,6 +47,8 @@ STATUS_NAMES = {
     0x10000320: "KIVBF_ERR_PF_FLOW",
     0x10000321: "KIVBF_ERR_CALIBRATION",
     0xFFFFFFFF: "KIVBF_ERR_DUMP_OPEN",
+    0x10000410: "KIVBFEXT_ERR_AUTO_STEER",
+    0x10000411: "KIVBFEXT_ERR_SEARCH_WINDOW",
 }
 # The codes as module constants: kivbf.KIVBF_ERR_MODE == 0x10000316.
 globals().update({name: code for code, name in STATUS_NAMES.items()})
@@ -116,6 +118,10 @@ def _load():
         "KivBf_DynamicLoading": (u32, [vp, ptr(i32), ptr(i32), u32]),
         "KivBf_SetPfFlow": (u32, [vp, u32]),
         "KivBf_SetCalibration": (u32, [vp, u32]),
+        "KivBfExt_SetAutoSteer": (u32, [vp, u32]),
+        "KivBfExt_SetDirectionFinder": (u32, [vp, u32]),
+        "KivBfExt_SetSearchWindow": (u32, [vp, f32, f32]),
+        "KivBfExt_GetDirection": (u32, [vp, ptr(f32), ptr(f32)]),
     }
     for name, (restype, argtypes) in signatures.items():
         function = getattr(lib, name)
@@ -259,6 +265,22 @@ class Beamformer:
     def set_calibration(self, calibration_flag):
         _check("KivBf_SetCalibration", _lib.KivBf_SetCalibration(self._handle, calibration_flag))
 
+    def set_auto_steer(self, on):
+        _check("KivBfExt_SetAutoSteer", _lib.KivBfExt_SetAutoSteer(self._handle, int(on)))
+
+    def set_direction_finder(self, on):
+        _check("KivBfExt_SetDirectionFinder", _lib.KivBfExt_SetDirectionFinder(self._handle, int(on)))
+
+    def set_search_window(self, centre, half_width=180.0):
+        _check("KivBfExt_SetSearchWindow", _lib.KivBfExt_SetSearchWindow(self._handle, centre, half_width))
+
+    def get_direction(self):
+        """(degrees, confidence) of the direction finder's latest estimate."""
+        degrees, confidence = ctypes.c_float(), ctypes.c_float()
+        _check("KivBfExt_GetDirection", _lib.KivBfExt_GetDirection(
+            self._handle, ctypes.byref(degrees), ctypes.byref(confidence)))
+        return degrees.value, confidence.value
+
     def run(self, block, direction=0.0):
         """One block: 128 frames of 2 int16 channels (shape (128, 2) or 256
         interleaved) in, 128 int16 out."""
@@ -313,13 +335,15 @@ def _resample(x, rate_from, rate_to):
 
 def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR, mode=MODE_ADAPTIVE,
             angle=0.0, direction=0.0, compensate_latency=True, intensity=None, pf_flow=None,
-            calibration=0, dynamic_loading=None, **config):
+            calibration=0, dynamic_loading=None, auto_steer=False, search_window=None, **config):
     """Beamforms a whole two-channel signal and returns the mono result.
 
     x: shape (samples, 2), int16 PCM or floats in [-1, 1). The output has as
     many samples as x, int16 (floats in, floats out). With compensate_latency
     the library's one block of delay is removed. `config` takes AudioBfConfig
-    fields (temperature defaults to 20 C); dynamic_loading is (band, factors).
+    fields (temperature defaults to 20 C); dynamic_loading is (band, factors);
+    auto_steer lets the direction finder steer modes 0, 3 and 4, confined to
+    search_window (centre, half-width) degrees when given.
     Mode 4, which KivBf_SetMode refuses but keeps, is run all the same.
     Other sample rates are converted to the nearest supported one and back
     with scipy.signal.resample_poly (a note goes to stderr)."""
@@ -330,7 +354,7 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
         signal = _to_pcm(x).astype(np.float64) / 32768.0
         mono = process(_resample(signal, sample_rate, run_rate), run_rate, microphone_distance, shape, mode,
                        angle, direction, compensate_latency, intensity, pf_flow, calibration,
-                       dynamic_loading, **config)
+                       dynamic_loading, auto_steer, search_window, **config)
         back = _resample(mono, run_rate, sample_rate)
         out = np.zeros(signal.shape[0])
         out[:min(len(back), len(out))] = back[:len(out)]
@@ -352,6 +376,10 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
             bf.set_adaptive_intensity(intensity)
         if pf_flow is not None:
             bf.set_pf_flow(pf_flow)
+        if auto_steer:
+            bf.set_auto_steer(1)
+        if search_window is not None:
+            bf.set_search_window(*search_window)
 
         delay = POINT_NUMBER if compensate_latency else 0
         blocks = -(-(frames + delay) // POINT_NUMBER)
@@ -361,3 +389,24 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
                                  for b in range(blocks)]) if blocks else np.zeros(0, np.int16)
     result = output[delay:delay + frames]
     return result.astype(np.float64) / 32768.0 if floats else result
+
+
+def locate(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR, search_window=None,
+           **config):
+    """The direction finder over a whole two-channel signal: arrays of the
+    estimate (degrees) and its confidence after every 128-sample block."""
+    pcm = _to_pcm(x)
+    blocks = pcm.shape[0] // POINT_NUMBER
+    degrees = np.zeros(blocks, dtype=np.float32)
+    confidence = np.zeros(blocks, dtype=np.float32)
+    with Beamformer(sample_rate, microphone_distance) as bf:
+        bf.set_config(**{"temperature": 20, **config})
+        bf.set_shape(shape)
+        bf.set_mode(MODE_FIXED, 0.0)
+        bf.set_direction_finder(1)
+        if search_window is not None:
+            bf.set_search_window(*search_window)
+        for b in range(blocks):
+            bf.run(pcm[b * POINT_NUMBER:(b + 1) * POINT_NUMBER])
+            degrees[b], confidence[b] = bf.get_direction()
+    return degrees, confidence

@@ -1,0 +1,302 @@
+// Direction finder: steered response power with phase-transform weighting on
+// the block's spectra, with the noise's own cross-spectrum taken out and bins
+// weighed by how far they rise above the noise, tracked over blocks.
+//
+// For a source at angle a (positive towards microphone 0) microphone 0 hears
+// it axis * sin(a) / c seconds earlier, so the cross-spectrum X0 X1* turns by
+// exp(j 2 pi f axis sin(a) / c). The candidates are uniform in sin(a) and the
+// answer is refined between them by a parabola through the peak and its
+// neighbours.
+#include <cmath>
+#include <cstring>
+
+#include "Beamformer_core.h"
+#include "math_functions.h"
+#include "vector_lanes.h"
+
+using namespace kivbf;
+using namespace kivbf::math::element;
+
+namespace {
+
+constexpr double kTwoPiExact = 6.283185307179586;
+constexpr double kDegreesPerRadian = 57.29577951308232;
+constexpr float kLowestFrequency = 300.0f;  // Hz; below it a 5 cm pair sees almost no phase
+constexpr float kPowerSmoothing = 0.5f;     // share of the block in the smoothed power
+constexpr float kNoiseRatio = 2.5f;         // power / noise below this: the bin holds noise
+constexpr float kNoiseLearning = 0.05f;     // share of a noise block in the noise estimates
+constexpr float kNoiseFall = 0.3f;          // how fast the noise power follows a lower power
+constexpr float kNoiseFallRatio = 0.3f;    // power / noise below this: the noise has fallen
+constexpr float kNoiseRise = 1.002f;        // per block above the noise: follows rising noise
+constexpr float kPresenceRatio = 4.0f;      // power / noise from which a bin is evidence
+constexpr float kMaxBinWeight = 12.0f;      // one loud bin counts at most this much
+constexpr float kOnsetBase = 1.0f;          // power / previous smoothed power below it: no weight
+constexpr float kMaxOnset = 3.0f;
+constexpr float kPowerFloor = 1e-20f;
+constexpr float kPowerCeiling = 1e30f;
+constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
+constexpr float kBlockPresence = 0.3f;      // mean bin weight for a block to count
+constexpr float kMapMemory = 0.93f;         // per counted block
+constexpr float kMinConfidence = 0.05f;     // below it the estimate holds
+
+constexpr float kGridStep = 2.0f / static_cast<float>(kLocateGrid - 1);
+float GridSine(int32_t g) { return -1.0f + kGridStep * static_cast<float>(g); }
+
+inline float Max(float a, float b) { return lanes::ScalarMax(a, b); }
+inline float32x4_t Max(float32x4_t a, float32x4_t b) { return vmaxq_f32(a, b); }
+inline float Min(float a, float b) { return lanes::ScalarMin(a, b); }
+inline float32x4_t Min(float32x4_t a, float32x4_t b) { return vminq_f32(a, b); }
+inline float Root(float a) { return lanes::ScalarSquareRoot(a); }
+inline float32x4_t Root(float32x4_t a) { return lanes::SquareRoot(a); }
+inline float Load(const float *p, float) { return *p; }
+inline float32x4_t Load(const float *p, float32x4_t) { return vld1q_f32(p); }
+inline void Store(float *p, float v) { *p = v; }
+inline void Store(float *p, float32x4_t v) { vst1q_f32(p, v); }
+
+// One bin (or four): the noise trackers, then the bin's evidence, its
+// cross-spectrum less the noise's, scaled to the bin's weight. Returns the
+// weight.
+template <typename V>
+V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V re0, V im0, V re1,
+              V im1) {
+    const V power = Mul(Splat(0.5f, re0), Add(Add(Mul(re0, re0), Mul(im0, im0)),
+                                                Add(Mul(re1, re1), Mul(im1, im1))));
+    const V cross_re = Add(Mul(re0, re1), Mul(im0, im1));
+    const V cross_im = Sub(Mul(im0, re1), Mul(re0, im1));
+
+    const V previous = Load(l.power + i, re0);
+    const V smoothed = Add(previous, Mul(Splat(kPowerSmoothing, re0), Sub(power, previous)));
+    const V noise = Load(l.noise_power + i, re0);
+    V noise_re = Load(l.noise_cross_re + i, re0);
+    V noise_im = Load(l.noise_cross_im + i, re0);
+
+    // The noise is learnt evenly from noise-like bins, so that it is the
+    // noise's mean and a steady source's fluctuations rarely pass the
+    // presence ratio; faster when the power has fallen well below it.
+    const V ratio = Div(smoothed, Max(noise, Splat(kPowerFloor, re0)));
+    const auto noise_like = Less(ratio, Splat(noise_ratio, re0));
+    const V learnt = Add(noise, Mul(Splat(learning, re0), Sub(smoothed, noise)));
+    const V fallen = Add(noise, Mul(Splat(kNoiseFall, re0), Sub(smoothed, noise)));
+    V next_noise = Select(noise_like, learnt, Mul(noise, Splat(kNoiseRise, re0)));
+    next_noise = Select(Less(ratio, Splat(kNoiseFallRatio, re0)), fallen, next_noise);
+    noise_re = Select(noise_like, Add(noise_re, Mul(Splat(learning, re0), Sub(cross_re, noise_re))), noise_re);
+    noise_im = Select(noise_like, Add(noise_im, Mul(Splat(learning, re0), Sub(cross_im, noise_im))), noise_im);
+    Store(l.power + i, smoothed);
+    Store(l.noise_power + i, next_noise);
+    Store(l.noise_cross_re + i, noise_re);
+    Store(l.noise_cross_im + i, noise_im);
+
+    // Rising power favours the direct sound over the room's reverberation,
+    // which follows it.
+    const V onset = Min(Max(Sub(Div(power, Max(previous, Splat(kPowerFloor, re0))), Splat(kOnsetBase, re0)),
+                            Splat(0.0f, re0)),
+                        Splat(kMaxOnset, re0));
+    const V weight = Mul(Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
+                             Splat(kMaxBinWeight, re0)),
+                         onset);
+    const V z_re = Sub(cross_re, noise_re);
+    const V z_im = Sub(cross_im, noise_im);
+    const V magnitude = Root(Add(Add(Mul(z_re, z_re), Mul(z_im, z_im)), Splat(kPowerFloor, re0)));
+    const V scale = Div(Splat(1.0f, re0), magnitude);
+    Store(l.evidence_re + i, Mul(z_re, scale));
+    Store(l.evidence_im + i, Mul(z_im, scale));
+    Store(l.evidence_weight + i, weight);
+    return weight;
+}
+
+float LaneSum(float32x4_t v) {
+    return (vgetq_lane_f32(v, 0) + vgetq_lane_f32(v, 1)) + (vgetq_lane_f32(v, 2) + vgetq_lane_f32(v, 3));
+}
+
+// The band and the candidates' phases for this rate, spacing and speed of
+// sound; the tracking starts over.
+void Build(BfCoreState &s) {
+    BfLocateState &l = s.locate;
+    const float axis = s.mic_position[1][0] - s.mic_position[0][0];
+    const double bin_width = static_cast<double>(s.sample_rate) / kFftSize;
+    const double aliasing = s.speed_of_sound / (2.0 * std::fabs(static_cast<double>(axis)));
+    int32_t first = static_cast<int32_t>(std::ceil(kLowestFrequency / bin_width));
+    if (first < 1) first = 1;
+    int32_t last = static_cast<int32_t>(aliasing / bin_width);
+    if (last > kBins - 1) last = kBins - 1;
+    if (last < first) last = first;
+    if (last - first + 1 > kLocateMaxBins) last = first + kLocateMaxBins - 1;
+
+    const uint32_t switches[3] = {l.auto_steer, l.finder_on, l.window_on};
+    const float window[2] = {l.window_low, l.window_high};
+    const float direction = l.window_on == 1 ? l.direction : 0.0f;
+    std::memset(&l, 0, sizeof l);
+    l.direction = direction;
+    l.auto_steer = switches[0];
+    l.finder_on = switches[1];
+    l.window_on = switches[2];
+    l.window_low = window[0];
+    l.window_high = window[1];
+    l.built = 1;
+    l.built_speed = s.speed_of_sound;
+    l.built_axis = axis;
+    l.built_rate = s.sample_rate;
+    l.first_bin = first;
+    l.bin_count = last - first + 1;
+    for (int32_t g = 0; g < kLocateGrid; ++g) {
+        const double radians_per_hz = kTwoPiExact * axis * GridSine(g) / s.speed_of_sound;
+        const double start = radians_per_hz * bin_width * first;
+        const double advance = radians_per_hz * bin_width;
+        l.phase_re[g] = static_cast<float>(math::Cos(start));
+        l.phase_im[g] = static_cast<float>(math::Sin(start));
+        l.advance_re[g] = static_cast<float>(math::Cos(advance));
+        l.advance_im[g] = static_cast<float>(math::Sin(advance));
+    }
+}
+
+bool NeedsBuild(const BfCoreState &s) {
+    const BfLocateState &l = s.locate;
+    const float axis = s.mic_position[1][0] - s.mic_position[0][0];
+    return l.built != 1 || l.built_speed != s.speed_of_sound || l.built_axis != axis ||
+           l.built_rate != s.sample_rate;
+}
+
+// The block's evidence over the band; returns the summed bin weights.
+float GatherEvidence(BfCoreState &s) {
+    BfLocateState &l = s.locate;
+    const float *x0 = s.mic_spectrum[0] + 2 * l.first_bin;
+    const float *x1 = s.mic_spectrum[1] + 2 * l.first_bin;
+    // The first blocks all average into the noise evenly (1/n), so that it
+    // starts from a mean rather than from one partly empty frame.
+    float learning = kNoiseLearning;
+    float noise_ratio = kNoiseRatio;
+    if (l.blocks_seen < kStartBlocks) {
+        ++l.blocks_seen;
+        learning = 1.0f / static_cast<float>(l.blocks_seen);
+        noise_ratio = kPowerCeiling;
+    }
+    float32x4_t lane_weight = vdupq_n_f32(0.0f);
+    float tail_weight = 0.0f;
+    lanes::ForEachLaneGroup(
+        l.bin_count,
+        [&](int32_t i) {
+            const float32x4x2_t a = vld2q_f32(x0 + 2 * i);
+            const float32x4x2_t b = vld2q_f32(x1 + 2 * i);
+            lane_weight = vaddq_f32(lane_weight, BinEvidence(l, i, learning, noise_ratio, a.val[0], a.val[1], b.val[0], b.val[1]));
+        },
+        [&](int32_t i) {
+            tail_weight += BinEvidence(l, i, learning, noise_ratio, x0[2 * i], x0[2 * i + 1], x1[2 * i], x1[2 * i + 1]);
+        });
+    return LaneSum(lane_weight) + tail_weight;
+}
+
+// Adds the block's steered response at every candidate to the tracked map.
+void AccumulateMap(BfLocateState &l) {
+    const float32x4_t memory = vdupq_n_f32(kMapMemory);
+    const float32x4_t half = vdupq_n_f32(0.5f);
+    for (int32_t g = 0; g < kLocateGrid; g += lanes::kLanes) {
+        float32x4_t re = vld1q_f32(l.phase_re + g);
+        float32x4_t im = vld1q_f32(l.phase_im + g);
+        const float32x4_t step_re = vld1q_f32(l.advance_re + g);
+        const float32x4_t step_im = vld1q_f32(l.advance_im + g);
+        float32x4_t response = vdupq_n_f32(0.0f);
+        for (int32_t i = 0; i < l.bin_count; ++i) {
+            const float32x4_t e_re = vdupq_n_f32(l.evidence_re[i]);
+            const float32x4_t e_im = vdupq_n_f32(l.evidence_im[i]);
+            // (1 + cos(phase error)) / 2 to the 8th: a lobe about 0.6 rad
+            // wide in phase instead of the plain cosine's 2 rad, so that two
+            // sources 60 degrees apart give two peaks, not one between them.
+            const float32x4_t agreement = vaddq_f32(vmulq_f32(e_re, re), vmulq_f32(e_im, im));
+            float32x4_t lobe = vaddq_f32(half, vmulq_f32(half, agreement));
+            lobe = vmulq_f32(lobe, lobe);
+            lobe = vmulq_f32(lobe, lobe);
+            lobe = vmulq_f32(lobe, lobe);
+            lobe = vmulq_f32(lobe, lobe);
+            response = vaddq_f32(response, vmulq_f32(vdupq_n_f32(l.evidence_weight[i]), lobe));
+            const float32x4_t next_re = vsubq_f32(vmulq_f32(re, step_re), vmulq_f32(im, step_im));
+            im = vaddq_f32(vmulq_f32(re, step_im), vmulq_f32(im, step_re));
+            re = next_re;
+        }
+        vst1q_f32(l.map + g, vaddq_f32(vmulq_f32(vld1q_f32(l.map + g), memory), response));
+    }
+}
+
+// The map's peak inside the window, refined between candidates, as a sine.
+float PeakSine(const BfLocateState &l, int32_t &peak) {
+    const float low = l.window_on == 1 ? l.window_low : -1.0f;
+    const float high = l.window_on == 1 ? l.window_high : 1.0f;
+    peak = -1;
+    for (int32_t g = 0; g < kLocateGrid; ++g) {
+        const float sine = GridSine(g);
+        if (sine < low - 0.5f * kGridStep || sine > high + 0.5f * kGridStep) continue;
+        if (peak < 0 || l.map[g] > l.map[peak]) peak = g;
+    }
+    float sine = GridSine(peak);
+    if (peak > 0 && peak < kLocateGrid - 1) {
+        const float left = l.map[peak - 1];
+        const float centre = l.map[peak];
+        const float right = l.map[peak + 1];
+        const float curvature = left - 2.0f * centre + right;
+        if (curvature < 0.0f) {
+            float offset = 0.5f * (left - right) / curvature;
+            offset = offset < -0.5f ? -0.5f : offset > 0.5f ? 0.5f : offset;
+            sine += offset * kGridStep;
+        }
+    }
+    sine = sine < low ? low : sine > high ? high : sine;
+    return sine;
+}
+
+float SineToDegrees(float sine) {
+    if (sine >= 1.0f) return 90.0f;
+    if (sine <= -1.0f) return -90.0f;
+    const double x = sine;
+    return static_cast<float>(math::Atan(x / std::sqrt(1.0 - x * x)) * kDegreesPerRadian);
+}
+
+}  // namespace
+
+bool Bf_LocateEnabled(const BfCoreState &s) {
+    return s.locate.auto_steer == 1 || s.locate.finder_on == 1;
+}
+
+void Bf_Locate(BfCoreState &s) {
+    if (NeedsBuild(s)) Build(s);
+    BfLocateState &l = s.locate;
+    const float block_weight = GatherEvidence(s);
+    // Silence, steady noise and diffuse noise rise above nothing: the map and
+    // the estimate stay as they were.
+    if (block_weight < kBlockPresence * static_cast<float>(l.bin_count)) return;
+    AccumulateMap(l);
+    l.map_weight = l.map_weight * kMapMemory + block_weight;
+
+    int32_t peak = 0;
+    const float sine = PeakSine(l, peak);
+    // The peak's rise above the map's mean, per unit of evidence.
+    float mean = 0.0f;
+    for (int32_t g = 0; g < kLocateGrid; ++g) mean += l.map[g];
+    mean /= static_cast<float>(kLocateGrid);
+    float confidence = (l.map[peak] - mean) / l.map_weight;
+    confidence = confidence < 0.0f ? 0.0f : confidence > 1.0f ? 1.0f : confidence;
+    if (confidence < kMinConfidence) return;
+    l.direction = SineToDegrees(sine);
+    l.confidence = confidence;
+}
+
+float Bf_SteeringDirection(const BfCoreState &s, float caller_direction) {
+    if (s.locate.auto_steer == 1 && s.locate.confidence > 0.0f) return s.locate.direction;
+    return caller_direction;
+}
+
+void Bf_LocateSetWindow(BfCoreState &s, float centre_deg, float half_width_deg) {
+    BfLocateState &l = s.locate;
+    if (half_width_deg >= 180.0f) {
+        l.window_on = 0;
+        l.window_low = 0.0f;
+        l.window_high = 0.0f;
+        return;
+    }
+    const auto sine_of = [](float degrees) {
+        degrees = degrees < -90.0f ? -90.0f : degrees > 90.0f ? 90.0f : degrees;
+        return static_cast<float>(math::Sin(degrees / kDegreesPerRadian));
+    };
+    l.window_on = 1;
+    if (l.confidence == 0.0f) l.direction = centre_deg;  // what GetDirection says until an estimate
+    l.window_low = sine_of(centre_deg - half_width_deg);
+    l.window_high = sine_of(centre_deg + half_width_deg);
+}

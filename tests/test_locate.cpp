@@ -1,0 +1,178 @@
+// Direction finder and automatic steering: the extension calls, plane waves
+// found where they come from, a steady source that must not capture the
+// estimate, and which modes steer at it.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+#include "AudioBfProcess_internal.h"
+#include "kivbf_ext.h"
+#include "support.h"
+
+using namespace kivbf_test;
+
+namespace {
+
+constexpr double kSpeed = 343.0;  // 331 + 0.6 * 20 degrees
+constexpr double kPi = 3.141592653589793;
+
+// A source of sinusoids between 300 Hz and 3.4 kHz from `degrees` (positive
+// towards microphone 0, which hears it earlier), delayed exactly per
+// microphone; `bursts` switches it on for 0.3 s in every 0.5 s.
+void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool bursts, uint32_t rate,
+               double spacing_m, uint32_t seed) {
+    std::mt19937 random(seed);
+    std::uniform_real_distribution<double> frequency(300.0, 3400.0), phase(0.0, 2.0 * kPi);
+    const double lead = spacing_m * std::sin(degrees * kPi / 180.0) / kSpeed / 2.0;
+    const size_t frames = pcm.size() / 2;
+    for (int tone = 0; tone < 40; ++tone) {
+        const double f = frequency(random), p = phase(random);
+        for (size_t n = 0; n < frames; ++n) {
+            const double t = static_cast<double>(n) / rate;
+            if (bursts && std::fmod(t, 0.5) > 0.3) continue;
+            pcm[2 * n] += amplitude * std::sin(2.0 * kPi * f * (t + lead) + p);
+            pcm[2 * n + 1] += amplitude * std::sin(2.0 * kPi * f * (t - lead) + p);
+        }
+    }
+}
+
+std::vector<int16_t> ToPcm(const std::vector<double> &x) {
+    std::vector<int16_t> pcm(x.size());
+    for (size_t i = 0; i < x.size(); ++i) pcm[i] = static_cast<int16_t>(std::lround(x[i]));
+    return pcm;
+}
+
+struct RunSetup {
+    uint32_t mode = 1;
+    uint32_t auto_steer = 0;
+    uint32_t finder = 1;
+    uint32_t rate = 16000;
+    uint32_t geometry = KIVBF_GEOMETRY_LINEAR;
+};
+
+// Runs the whole signal; returns the output and leaves the handle for inspection.
+std::vector<int16_t> RunAll(WorkingBuffer &buffer, AudioBfHandle &handle, const std::vector<int16_t> &pcm,
+                            const RunSetup &setup, float caller_direction = 0.0f) {
+    handle = MakeConfiguredHandle(buffer, setup.geometry, setup.rate, 5.0f);
+    KivBf_SetMode(handle, setup.mode, 0.0f);
+    EXPECT_EQ(KivBfExt_SetAutoSteer(handle, setup.auto_steer), KIVBF_OK);
+    EXPECT_EQ(KivBfExt_SetDirectionFinder(handle, setup.finder), KIVBF_OK);
+    std::vector<int16_t> out(pcm.size() / 2);
+    for (size_t b = 0; b + 256 <= pcm.size(); b += 256)
+        EXPECT_EQ(KivBf_Run(handle, &pcm[b], &out[b / 2], &caller_direction), KIVBF_OK);
+    return out;
+}
+
+float Estimate(AudioBfHandle handle, float *confidence = nullptr) {
+    float degrees = 0.0f, c = 0.0f;
+    EXPECT_EQ(KivBfExt_GetDirection(handle, &degrees, &c), KIVBF_OK);
+    if (confidence != nullptr) *confidence = c;
+    return degrees;
+}
+
+class Locate : public testing::Test {
+protected:
+    void SetUp() override { setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1); }
+    WorkingBuffer buffer_;
+    AudioBfHandle handle_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(Locate, CallsCheckTheirArgumentsAndStartOff) {
+    EXPECT_EQ(KivBfExt_SetAutoSteer(nullptr, 1), KIVBF_ERR_HANDLE);
+    EXPECT_EQ(KivBfExt_GetDirection(nullptr, nullptr, nullptr), KIVBF_ERR_HANDLE);
+    handle_ = MakeConfiguredHandle(buffer_);
+    const BfLocateState &l = Bf_StateOf(handle_)->locate;
+    EXPECT_EQ(l.auto_steer | l.finder_on | l.window_on, 0u);
+    EXPECT_EQ(Captured([&] { EXPECT_EQ(KivBfExt_SetAutoSteer(handle_, 2), KIVBFEXT_ERR_AUTO_STEER); }),
+              kBfError + "[SetAutoSteer] Fail! The switch must be 0 or 1!!\r\n");
+    EXPECT_EQ(KivBfExt_SetDirectionFinder(handle_, 3), KIVBFEXT_ERR_AUTO_STEER);
+    const float bad[][2] = {{NAN, 10}, {0, INFINITY}, {91, 10}, {-91, 10}, {0, 0}, {0, -5}, {0, 181}};
+    for (const auto &w : bad)
+        EXPECT_EQ(KivBfExt_SetSearchWindow(handle_, w[0], w[1]), KIVBFEXT_ERR_SEARCH_WINDOW) << w[0] << " " << w[1];
+    EXPECT_EQ(l.window_on, 0u);
+    EXPECT_EQ(KivBfExt_SetSearchWindow(handle_, 40, 20), KIVBF_OK);
+    EXPECT_EQ(l.window_on, 1u);
+    float confidence = -1.0f;
+    EXPECT_EQ(Estimate(handle_, &confidence), 40.0f);  // the window's centre until an estimate
+    EXPECT_EQ(confidence, 0.0f);
+    EXPECT_EQ(KivBfExt_SetSearchWindow(handle_, 0, 180), KIVBF_OK);
+    EXPECT_EQ(l.window_on, 0u);
+}
+
+TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
+    for (uint32_t rate : {8000u, 16000u, 48000u}) {
+        for (double angle : {-70.0, -35.0, 0.0, 20.0, 55.0}) {
+            std::vector<double> x(2 * rate * 3, 0.0);
+            AddSource(x, angle, 300.0, true, rate, 0.05, 7);
+            RunSetup setup;
+            setup.rate = rate;
+            RunAll(buffer_, handle_, ToPcm(x), setup);
+            float confidence = 0.0f;
+            // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe; near end-fire
+            // the candidates lie further apart in angle.
+            EXPECT_NEAR(Estimate(handle_, &confidence), angle, (rate == 8000 ? 4.0 : 1.0) * (angle < -60 ? 2.0 : 1.5)) << rate << " Hz";
+            EXPECT_GT(confidence, 0.2f);
+            EXPECT_LE(confidence, 1.0f);
+        }
+    }
+    // A pair on a circle is the same pair: the angle to its axis.
+    std::vector<double> x(2 * 16000 * 3, 0.0);
+    AddSource(x, 30.0, 300.0, true, 16000, 0.05, 8);
+    RunSetup circular;
+    circular.geometry = KIVBF_GEOMETRY_CIRCULAR;
+    RunAll(buffer_, handle_, ToPcm(x), circular);
+    EXPECT_NEAR(Estimate(handle_), 30.0, 1.5);
+}
+
+TEST_F(Locate, ASteadyLouderSourceDoesNotCaptureTheEstimate) {
+    std::vector<double> x(2 * 16000 * 6, 0.0);
+    AddSource(x, 50.0, 500.0, false, 16000, 0.05, 3);   // steady, louder
+    AddSource(x, -20.0, 300.0, true, 16000, 0.05, 4);   // the talker, in bursts
+    RunAll(buffer_, handle_, ToPcm(x), RunSetup{});
+    EXPECT_NEAR(Estimate(handle_), -20.0, 5.0);
+    // Confined to a window away from the talker, it never leaves the window.
+    handle_ = MakeConfiguredHandle(buffer_);
+    KivBfExt_SetDirectionFinder(handle_, 1);
+    KivBfExt_SetSearchWindow(handle_, 40.0f, 15.0f);
+    const std::vector<int16_t> pcm = ToPcm(x);
+    std::vector<int16_t> out(128);
+    float direction = 0.0f;
+    for (size_t b = 0; b + 256 <= pcm.size(); b += 256) {
+        KivBf_Run(handle_, &pcm[b], out.data(), &direction);
+        const float d = Estimate(handle_);
+        ASSERT_GE(d, 25.0f - 1e-3f);
+        ASSERT_LE(d, 55.0f + 1e-3f);
+    }
+}
+
+TEST_F(Locate, AdaptiveModesSteerAtTheEstimateTheOthersDoNot) {
+    std::vector<double> x(2 * 16000 * 3, 0.0);
+    AddSource(x, -30.0, 300.0, true, 16000, 0.05, 5);
+    AddSource(x, 45.0, 100.0, false, 16000, 0.05, 6);
+    const std::vector<int16_t> pcm = ToPcm(x);
+    for (uint32_t mode : {0u, 1u, 2u, 3u}) {
+        RunSetup off;
+        off.mode = mode;
+        off.finder = 0;
+        const std::vector<int16_t> plain = RunAll(buffer_, handle_, pcm, off, 60.0f);
+        RunSetup finder = off;
+        finder.finder = 1;  // running the finder changes nothing else
+        EXPECT_EQ(RunAll(buffer_, handle_, pcm, finder, 60.0f), plain) << mode;
+        RunSetup steered = off;
+        steered.auto_steer = 1;
+        const std::vector<int16_t> out = RunAll(buffer_, handle_, pcm, steered, 60.0f);
+        const BfCoreState &s = *Bf_StateOf(handle_);
+        if (mode == 1 || mode == 2) {
+            EXPECT_EQ(out, plain) << mode;
+        } else {
+            EXPECT_NE(out, plain) << mode;
+            EXPECT_EQ(s.target_angle, s.locate.direction + 90.0f) << mode;
+            EXPECT_NEAR(s.locate.direction, -30.0f, 3.0f) << mode;
+        }
+    }
+}
