@@ -14,6 +14,9 @@ enum BeamControl : uint32_t {
     kControlOutputGain,
     kControlVad,
     kControlIntensity,
+    kControlAutoSteer,
+    kControlWindowCentre,
+    kControlWindowHalfWidth,
     kControlCount,
 };
 
@@ -34,6 +37,10 @@ inline constexpr ControlInfo kControls[kControlCount] = {
     {"output_gain", "Output gain (0.7 is unity)", 0.4f, 1, 0.7f, false},
     {"vad", "VAD gate (0 level gate, 1 VAD)", 0, 1, 0, true},
     {"intensity", "Adaptive intensity", 0, 4, 1, true},
+    {"auto_steer", "Automatic steering (modes 0 and 3 follow the talker)", 0, 1, 0, true},
+    {"window_centre", "Steering search window centre (degrees)", -90, 90, 0, false},
+    {"window_half_width", "Steering search window half-width (degrees, 180 = everywhere)", 1, 180,
+     180, false},
 };
 
 // The values of all controls, as a host hands them over.

@@ -135,6 +135,10 @@ bool BeamCore::Configure() {
          KivBf_SetMode(handle_, static_cast<uint32_t>(v[kControlMode]), v[kControlAngle])},
         {"KivBf_SetAdaptiveIntensity",
          KivBf_SetAdaptiveIntensity(handle_, static_cast<int32_t>(v[kControlIntensity]))},
+        {"KivBfExt_SetAutoSteer",
+         KivBfExt_SetAutoSteer(handle_, static_cast<uint32_t>(v[kControlAutoSteer]))},
+        {"KivBfExt_SetSearchWindow", KivBfExt_SetSearchWindow(handle_, v[kControlWindowCentre],
+                                                              v[kControlWindowHalfWidth])},
     };
     for (const auto &step : steps) {
         if (step.status == KIVBF_OK) continue;
@@ -167,6 +171,10 @@ void BeamCore::ApplyChanges() {
     }
     if (before.value[kControlIntensity] != v[kControlIntensity])
         (void)KivBf_SetAdaptiveIntensity(handle_, static_cast<int32_t>(v[kControlIntensity]));
+    if (before.value[kControlAutoSteer] != v[kControlAutoSteer])
+        (void)KivBfExt_SetAutoSteer(handle_, static_cast<uint32_t>(v[kControlAutoSteer]));
+    if (Differs(before, applied_, kControlWindowCentre, kControlWindowHalfWidth))
+        (void)KivBfExt_SetSearchWindow(handle_, v[kControlWindowCentre], v[kControlWindowHalfWidth]);
 }
 
 void BeamCore::RunBlock() {

@@ -6,7 +6,9 @@
 // Control changes take effect at the next KivBf_Run, in the same way as the
 // setter called before that block: mode and angle through KivBf_SetMode,
 // output gain and VAD through KivBf_SetConfig, intensity through
-// KivBf_SetAdaptiveIntensity, spacing and shape through a fresh Init.
+// KivBf_SetAdaptiveIntensity, automatic steering and its search window
+// through KivBfExt_SetAutoSteer and KivBfExt_SetSearchWindow, spacing and
+// shape through a fresh Init.
 // Only Start allocates.
 #pragma once
 

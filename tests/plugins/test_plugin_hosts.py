@@ -20,9 +20,9 @@ SHIFT = 127  # kPluginLatencyFrames minus the library's block
 URI = "urn:kivbf:beamformer"
 # One non-default value per control, so that a mixed-up port shows.
 SETTINGS = {"mode": 3, "angle": 30, "spacing": 4, "shape": 0, "output_gain": 0.7, "vad": 1,
-            "intensity": 2}
+            "intensity": 2, "auto_steer": 1, "window_centre": 20, "window_half_width": 60}
 TOOL_ARGS = ["--mode", "3", "--angle", "30", "--spacing", "4", "--shape", "linear",
-             "--output-gain", "0.7", "--vad", "1", "--intensity", "2"]
+             "--output-gain", "0.7", "--vad", "1", "--intensity", "2", "--auto-steer", "--window", "20,60"]
 LADSPA_ARGS = [str(SETTINGS[k]) for k in SETTINGS]
 ENV = dict(os.environ, LADSPA_PATH=f"{PLUGINS}/ladspa", LV2_PATH=f"{PLUGINS}/lv2",
            GST_PLUGIN_PATH=f"{PLUGINS}/gstreamer")
@@ -113,7 +113,7 @@ class PluginHosts(unittest.TestCase):
         result = run("sord_validate", *schemas, f"{bundle}/manifest.ttl", f"{bundle}/kivbf.ttl")
         self.assertIn("Found 0 errors", result.stdout + result.stderr)
         result = run("lv2info", URI)
-        self.assertIn("reported by port 10", result.stdout)
+        self.assertIn(f"reported by port {3 + len(SETTINGS)}", result.stdout)
         ports = [arg for k, v in SETTINGS.items() for arg in ("-p", f"{k}:{v}")]
         for frames in (1, 37, 4096):
             out = f"{self.dir}/lv2_{frames}.wav"
@@ -128,8 +128,8 @@ class PluginHosts(unittest.TestCase):
     @unittest.skipUnless(have("gst-launch-1.0", "gst-inspect-1.0"), "gstreamer1.0-tools missing")
     def test_gstreamer(self):
         inspect = run("gst-inspect-1.0", "kivbf").stdout
-        for name in ("mode", "angle", "spacing", "shape", "output-gain", "vad", "intensity"):
-            self.assertRegex(inspect, rf"\n  {name} +:")
+        for name in SETTINGS:
+            self.assertRegex(inspect, rf"\n  {name.replace('_', '-')} +:")
         props = " ".join(f"{k.replace('_', '-')}={v}" for k, v in SETTINGS.items())
         for fmt, tolerance in (("S16LE", 0), ("F32LE", 1)):
             for frames in (1, 37, 4096):
