@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -66,72 +65,71 @@ AudioBfHandle Configured(void *storage, const BeamControls &c) {
     return handle;
 }
 
-using Setter = std::function<void(AudioBfHandle &, void *storage, const BeamControls &after)>;
+// What a program driving the library calls before a block to make a change of
+// `control` to the values in `c`.
+void ApplyDirectly(BeamControl control, AudioBfHandle &handle, void *storage, const BeamControls &c) {
+    const float *v = c.value;
+    AudioBfConfig config{};
+    switch (control) {
+    case kControlMode:
+    case kControlAngle:
+        EXPECT_EQ(KivBf_SetMode(handle, static_cast<uint32_t>(v[kControlMode]), v[kControlAngle]), KIVBF_OK);
+        break;
+    case kControlOutputGain:
+    case kControlVad:
+        config = kivbf_test::CurrentConfig(handle);
+        config.output_gain = v[kControlOutputGain];
+        config.vad_enable = static_cast<uint32_t>(v[kControlVad]);
+        EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
+        break;
+    case kControlIntensity:
+        EXPECT_EQ(KivBf_SetAdaptiveIntensity(handle, static_cast<int32_t>(v[kControlIntensity])), KIVBF_OK);
+        break;
+    case kControlAutoSteer:
+        EXPECT_EQ(KivBfExt_SetAutoSteer(handle, static_cast<uint32_t>(v[kControlAutoSteer])), KIVBF_OK);
+        break;
+    case kControlWindowCentre:
+    case kControlWindowHalfWidth:
+        EXPECT_EQ(KivBfExt_SetSearchWindow(handle, v[kControlWindowCentre], v[kControlWindowHalfWidth]), KIVBF_OK);
+        break;
+    default:  // spacing and shape: a fresh Init
+        EXPECT_EQ(KivBf_Free(handle), KIVBF_OK);
+        handle = Configured(storage, c);
+    }
+}
 
-// The library driven directly: `setter` called before block `change_block`.
+// The library driven directly, with `control` changed before block `change_block`.
 std::vector<int16_t> Direct(const std::vector<int16_t> &pcm, const BeamControls &before,
-                            const BeamControls &after, uint32_t change_block, const Setter &setter) {
+                            const BeamControls &after, uint32_t change_block, BeamControl control) {
     kivbf_test::WorkingBuffer buffer;
     AudioBfHandle handle = Configured(buffer.data(), before);
     std::vector<int16_t> out(kBlocks * kBlock);
     const float direction = 0.0f;
     for (uint32_t b = 0; b < kBlocks; ++b) {
-        if (b == change_block) setter(handle, buffer.data(), after);
+        if (b == change_block) ApplyDirectly(control, handle, buffer.data(), after);
         EXPECT_EQ(KivBf_Run(handle, &pcm[2 * b * kBlock], &out[b * kBlock], &direction), KIVBF_OK);
     }
     return out;
 }
 
 struct Change {
-    const char *what;
     BeamControl control;
     float from, to;
-    Setter setter;
     float mode = 0;  // the mode before and after
-
 };
 
 TEST(PluginCore, ControlChangeActsAtTheNextBlockAsItsSetter) {
     static const KivBfExtMessageSink quiet{KIVBFEXT_SINK_DISCARD, nullptr, nullptr, KIVBFEXT_LEVEL_FROM_FILE};
     ASSERT_EQ(KivBfExt_SetMessageSink(&quiet), KIVBF_OK);
-    auto set_mode = [](AudioBfHandle &h, void *, const BeamControls &c) {
-        EXPECT_EQ(KivBf_SetMode(h, static_cast<uint32_t>(c.value[kControlMode]), c.value[kControlAngle]), KIVBF_OK);
-    };
-    auto set_config = [](AudioBfHandle &h, void *, const BeamControls &c) {
-        AudioBfConfig config = kivbf_test::CurrentConfig(h);
-        config.output_gain = c.value[kControlOutputGain];
-        config.vad_enable = static_cast<uint32_t>(c.value[kControlVad]);
-        EXPECT_EQ(KivBf_SetConfig(h, &config), KIVBF_OK);
-    };
-    auto reinit = [](AudioBfHandle &h, void *storage, const BeamControls &c) {
-        EXPECT_EQ(KivBf_Free(h), KIVBF_OK);
-        h = Configured(storage, c);
-    };
     const Change changes[] = {
-        {"mode", kControlMode, 1, 3, set_mode},
-        {"angle", kControlAngle, 0, 40, set_mode, 1},
-        {"output gain", kControlOutputGain, 0.7f, 0.5f, set_config},
-        {"vad", kControlVad, 0, 1, set_config},
-        {"intensity", kControlIntensity, 1, 4,
-         [](AudioBfHandle &h, void *, const BeamControls &c) {
-             EXPECT_EQ(KivBf_SetAdaptiveIntensity(h, static_cast<int32_t>(c.value[kControlIntensity])), KIVBF_OK);
-         }},
-        {"auto steer", kControlAutoSteer, 0, 1,
-         [](AudioBfHandle &h, void *, const BeamControls &c) {
-             EXPECT_EQ(KivBfExt_SetAutoSteer(h, static_cast<uint32_t>(c.value[kControlAutoSteer])), KIVBF_OK);
-         }},
-        {"search window", kControlWindowHalfWidth, 180, 10,
-         [](AudioBfHandle &h, void *, const BeamControls &c) {
-             EXPECT_EQ(KivBfExt_SetSearchWindow(h, c.value[kControlWindowCentre], c.value[kControlWindowHalfWidth]),
-                       KIVBF_OK);
-         }},
-        {"spacing", kControlSpacing, 5, 8, reinit},
-        {"shape", kControlShape, 0, 1, reinit},
+        {kControlMode, 1, 3},          {kControlAngle, 0, 40, 1},  {kControlOutputGain, 0.7f, 0.5f},
+        {kControlVad, 0, 1},           {kControlIntensity, 1, 4},  {kControlAutoSteer, 0, 1},
+        {kControlWindowHalfWidth, 180, 10}, {kControlSpacing, 5, 8}, {kControlShape, 0, 1},
     };
     const std::vector<int16_t> pcm = TalkerInNoise();
     for (const Change &change : changes) {
         for (uint32_t chunk : {1u, 37u, kBlock}) {
-            SCOPED_TRACE(std::string(change.what) + ", host calls of " + std::to_string(chunk));
+            SCOPED_TRACE(std::string(kControls[change.control].symbol) + ", host calls of " + std::to_string(chunk));
             BeamControls before = DefaultControls();
             before.value[kControlMode] = change.mode;
             before.value[kControlAutoSteer] = change.control == kControlWindowHalfWidth ? 1 : 0;
@@ -152,8 +150,8 @@ TEST(PluginCore, ControlChangeActsAtTheNextBlockAsItsSetter) {
                 core.Process(&pcm[2 * start], &pcm[2 * start + 1], 2, &got[start], frames,
                              changed ? after : before);
             }
-            const std::vector<int16_t> expected = Direct(pcm, before, after, change_block, change.setter);
-            const std::vector<int16_t> unchanged = Direct(pcm, before, before, kBlocks, change.setter);
+            const std::vector<int16_t> expected = Direct(pcm, before, after, change_block, change.control);
+            const std::vector<int16_t> unchanged = Direct(pcm, before, before, kBlocks, change.control);
             ASSERT_NE(expected, unchanged) << "the change makes no difference to this signal";
             for (uint32_t t = kShift; t < got.size(); ++t)
                 ASSERT_EQ(got[t], expected[t - kShift]) << "frame " << t;

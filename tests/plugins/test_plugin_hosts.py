@@ -85,6 +85,17 @@ class PluginHosts(unittest.TestCase):
         self.assertNotEqual(result.returncode, 0, what)
         self.assertGreater(result.returncode, 0, f"{what}: killed by a signal")
 
+    @unittest.skipUnless(have("nm"), "binutils missing")
+    def test_only_entry_points_exported(self):
+        # A library call exported by one plugin would be bound by another in the same host.
+        for module, entry in (("ladspa/kivbf.so", ["ladspa_descriptor"]),
+                              ("lv2/kivbf.lv2/kivbf.so", ["lv2_descriptor"]),
+                              ("gstreamer/libgstkivbf.so",
+                               ["gst_plugin_kivbf_get_desc", "gst_plugin_kivbf_register"])):
+            if os.path.exists(f"{PLUGINS}/{module}"):
+                symbols = run("nm", "-D", "--defined-only", f"{PLUGINS}/{module}").stdout.split()[2::3]
+                self.assertEqual(symbols, entry, module)
+
     @unittest.skipUnless(have("applyplugin", "sox"), "ladspa-sdk or sox missing")
     def test_ladspa(self):
         out = f"{self.dir}/applyplugin.wav"
