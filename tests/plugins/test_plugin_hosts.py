@@ -48,10 +48,13 @@ class PluginHosts(unittest.TestCase):
         cls.dir = tempfile.mkdtemp(prefix="kivbf_hosts_")
         ENV["GST_REGISTRY"] = f"{cls.dir}/gst-registry.bin"
         cls.wav = f"{cls.dir}/in.wav"
-        # Two seconds of two different noisy tones, and a 44.1 kHz copy.
+        # Two seconds of a tone off broadside in bursts (so that the direction
+        # finder rises above the noise it learns and steers) over noise, and a
+        # 44.1 kHz copy.
         rng = np.random.default_rng(7)
         t = np.arange(32000) / 16000
         pair = np.stack([0.3 * np.sin(2 * np.pi * 440 * t), 0.3 * np.sin(2 * np.pi * 440 * t + 0.4)], 1)
+        pair *= ((t % 0.5) < 0.3)[:, None]
         pair += 0.05 * rng.standard_normal(pair.shape)
         cls.write(cls.wav, (pair * 32767).astype("<i2"), 16000)
         cls.raw = f"{cls.dir}/in.raw"
