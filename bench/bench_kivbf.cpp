@@ -229,36 +229,48 @@ private:
     std::map<std::string, double> medians_;
 };
 
-// The worst case of each target over the blocks measured in this run.
-void PrintTargets(const CollectingReporter &reporter, double floor, double peer, uint32_t bytes) {
-    double mode1 = 0.0, mode3_noise = 0.0, cheapest = 0.0;
-    bool any_block = false;
+// The peer's CPU time per second of audio on the stream of block case `name`
+// (run/MODE/GATE/STREAM).
+double PeerPerSecond(const CollectingReporter &reporter, const std::string &name) {
+    return reporter.Median("peer/" + name.substr(name.rfind('/') + 1)) * kPeerFramesPerSecond;
+}
+
+// The worst case of each target over the blocks measured in this run, in
+// wall clock (the binding figures are instructions: scripts/bench-targets.sh).
+// The peer is compared on the same stream as each block.
+void PrintTargets(const CollectingReporter &reporter, double floor, uint32_t bytes) {
+    double mode1 = 0.0, mode3_noise = 0.0, peer_mode1 = 0.0, peer_any = 0.0;
+    bool any_block = false, any_mode1 = false;
     for (const std::string &name : reporter.names()) {
-        if (name.rfind("run/", 0) != 0) continue;
+        if (name.rfind("run/", 0) != 0 || name.rfind("run/mode4/", 0) == 0) continue;
         const double t = reporter.Median(name);
-        if (t <= 0.0 || floor <= 0.0) continue;
+        const double peer = PeerPerSecond(reporter, name);
+        if (t <= 0.0 || floor <= 0.0 || peer <= 0.0) continue;
         const double ratio = peer / (t * kBlocksPerSecond);
-        cheapest = any_block ? std::min(cheapest, ratio) : ratio;
+        peer_any = any_block ? std::min(peer_any, ratio) : ratio;
         any_block = true;
-        if (name.rfind("run/mode1/", 0) == 0) mode1 = std::max(mode1, t / floor);
+        if (name.rfind("run/mode1/", 0) == 0) {
+            mode1 = std::max(mode1, t / floor);
+            peer_mode1 = any_mode1 ? std::min(peer_mode1, ratio) : ratio;
+            any_mode1 = true;
+        }
         if (name.rfind("run/mode3/", 0) == 0 && name.find("/noise") != std::string::npos)
             mode3_noise = std::max(mode3_noise, t / floor);
     }
-    if (!any_block) return;
     const auto row = [](const char *target, double value, bool met) {
-        std::printf("  %-38s %8.2f  %s\n", target, value, met ? "met" : "NOT met");
+        std::printf("  %-44s %8.2f  %s\n", target, value, met ? "met" : "NOT met");
     };
-    std::printf("\nTargets (worst case of this run)\n");
-    if (mode1 > 0.0) row("mode 1 <= 1.3 x floor", mode1, mode1 <= 1.3);
-    if (mode3_noise > 0.0) row("mode 3 noise blocks <= 2 x floor", mode3_noise, mode3_noise <= 2.0);
-    if (peer > 0.0) row("peer / ours per second >= 3", cheapest, cheapest >= 3.0);
+    std::printf("\nTargets in wall clock (worst case of this run)\n");
+    if (mode1 > 0.0) row("mode 1 <= 0.55 x floor", mode1, mode1 <= 0.55);
+    if (mode3_noise > 0.0) row("mode 3 noise blocks <= 1.5 x floor", mode3_noise, mode3_noise <= 1.5);
+    if (any_mode1) row("peer / ours per second >= 5, mode 1", peer_mode1, peer_mode1 >= 5.0);
+    if (any_block) row("peer / ours per second >= 2, modes 0-3", peer_any, peer_any >= 2.0);
     row("working buffer <= 64 KiB (KiB)", bytes / 1024.0, bytes <= 65536);
 }
 
 void PrintSummary(const CollectingReporter &reporter) {
     const double floor = reporter.Median("fft_floor");
-    const double peer = reporter.Median("peer/mixed") * kPeerFramesPerSecond;
-    std::printf("\nSummary: median CPU time; floor = fft_floor = %.0f ns\n", floor);
+    std::printf("\nSummary: median CPU time; floor = fft_floor = %.0f ns; peer on the same stream\n", floor);
     std::printf("%-34s %12s %10s %14s %12s\n", "benchmark", "ns", "x floor", "us per s audio",
                 "peer / ours");
     for (const std::string &name : reporter.names()) {
@@ -267,6 +279,7 @@ void PrintSummary(const CollectingReporter &reporter) {
         std::printf("%-34s %12.0f %10.2f", name.c_str(), t, floor > 0 ? t / floor : 0.0);
         if (block) {
             const double per_second = t * kBlocksPerSecond;
+            const double peer = PeerPerSecond(reporter, name);
             std::printf(" %14.1f %12.2f", per_second / 1000.0, per_second > 0 ? peer / per_second : 0.0);
         } else if (name.rfind("peer/", 0) == 0) {
             std::printf(" %14.1f %12s", t * kPeerFramesPerSecond / 1000.0, "1.00");
@@ -275,7 +288,7 @@ void PrintSummary(const CollectingReporter &reporter) {
     }
     const uint32_t bytes = KivBf_GetBufferSize();
     std::printf("working buffer: %u bytes\n", bytes);
-    PrintTargets(reporter, floor, peer, bytes);
+    PrintTargets(reporter, floor, bytes);
 }
 
 void RegisterAll() {

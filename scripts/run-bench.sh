@@ -3,7 +3,9 @@
 # -O2 -g, the same -ffp-contract=off) and runs them.
 #   scripts/run-bench.sh [--build-only] [benchmark options...]
 # Default options: 9 repetitions interleaved at random, medians in the summary. The build directory
-# is $KIVBF_BENCH_BUILD or build-bench. Instruction counts: bench/callgrind.sh.
+# is $KIVBF_BENCH_BUILD or build-bench. Instruction counts: bench/callgrind.sh (x86-64),
+# bench/qemu_count.sh (AArch64); everything with one summary of the targets:
+# scripts/bench-targets.sh.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${KIVBF_BENCH_BUILD:-$top/build-bench}

@@ -1,7 +1,8 @@
 // Real-FFT wrapper on the project's own 256-point transform (fft_real256.h).
 //
-// The record's scratch array holds the half-length spectrum between the
-// complex transform and the split; the FFT region of the working buffer
+// The record's scratch array holds the forward transform's half-length
+// spectrum between the complex transform and the split (the inverse splits
+// as its first pass reads, without it); the FFT region of the working buffer
 // holds the transform's two work arrays from its first 16-byte boundary.
 // The tables are compile-time constants, so initialising only checks the
 // length and the region and clears the region.
@@ -84,7 +85,7 @@ void FFT_Rdft(FftRecord *record, int32_t n, int32_t direction, float *data, cons
             if (data != nullptr) std::memset(data, 0, static_cast<size_t>(n + 2) * sizeof(float));
             return;
         }
-        kivbf::fft::RealInverse256(data, record->fft_scratch, WorkArrays(*record));
+        kivbf::fft::RealInverse256(data, WorkArrays(*record));
     }
 }
 

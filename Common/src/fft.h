@@ -10,7 +10,7 @@
 #include <cstdint>
 
 struct FftRecord {
-    alignas(16) float fft_scratch[258];  // half-length spectrum between the complex transform and the split
+    alignas(16) float fft_scratch[258];  // forward: half-length spectrum between the complex transform and the split
     void *fft_Ne10_cfg;      // FFT region of the working buffer; holds the transform's work arrays
     int32_t ne10_init_flag;  // 1 once FFT_Init has accepted the length and the region
     int32_t fft_size;        // transform length N (256)

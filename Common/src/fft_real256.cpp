@@ -15,9 +15,10 @@ namespace {
 constexpr int32_t kHalf = kRealPoints / 2;  // 128
 constexpr int32_t kHalfStride = kHalf + 1;  // Z[128] repeats Z[0]
 
+// Swapping the pairs and then the halves; SIMDe makes one shuffle of it.
 inline float32x4_t ReverseLanes(float32x4_t v) {
     const float32x4_t pairs_swapped = vrev64q_f32(v);
-    return vcombine_f32(vget_high_f32(pairs_swapped), vget_low_f32(pairs_swapped));
+    return vextq_f32(pairs_swapped, pairs_swapped, 2);
 }
 
 // Values at 128 - k for k = k0 .. k0 + 3: lane j holds index 128 - k0 - j.
@@ -72,13 +73,14 @@ void RealForward256(float *data, float *half_spectrum, float *work) {
     data[kRealPoints + 1] = 0.0f;
 }
 
-void RealInverse256(float *data, float *half_spectrum, float *work) {
-    const SplitArrays z = HalfSpectrum(half_spectrum);
+// The inverse's first pass reads Z[k] / 128 = A / 256 + U B (k < 128)
+// straight from the caller's spectrum, parts swapped: the inverse DFT is the
+// forward one on swapped parts. Each group of k is loaded once; the first
+// pairs bin 0 with bin 128, whose imaginary parts do not count.
+struct InverseSplitSource {
+    InterleavedArray<false> x;
 
-    // Z[k] / 128 = A / 256 + U B for k < 128; the first group pairs bin 0
-    // with bin 128, whose imaginary parts do not count.
-    const InterleavedArray<false> x{data};
-    for (int32_t k0 = 0; k0 < kHalf; k0 += lanes::kLanes) {
+    Complex4 Load(int32_t k0) const {
         Complex4 v = x.Load(k0);
         Complex4 mirror = LoadMirrored(x, k0);
         if (k0 == 0) {
@@ -87,13 +89,15 @@ void RealInverse256(float *data, float *half_spectrum, float *work) {
         }
         const Complex4 sum = SumWithConjugate(v, mirror);
         const Complex4 difference = DifferenceWithConjugate(v, mirror);
-        z.Store(k0, Add(Scale(sum, 1.0f / 256.0f), Mul(difference, Twiddles(kInverseSplitTwiddles, k0))));
+        const Complex4 z = Add(Scale(sum, 1.0f / 256.0f), Mul(difference, Twiddles(kInverseSplitTwiddles, k0)));
+        return {z.im, z.re};
     }
+};
 
-    // The inverse DFT as the forward one on swapped parts; the samples
-    // come out as the pairs' (re, im).
-    const SplitArrays swapped{z.im, z.re};
-    ForwardDft128(swapped, WorkArray(work, 0), WorkArray(work, 1), InterleavedArray<true>{data});
+void RealInverse256(float *data, float *work) {
+    // The first pass reads all of data before the last one writes the
+    // samples, which come out as the pairs' (re, im).
+    ForwardDft128(InverseSplitSource{{data}}, WorkArray(work, 0), WorkArray(work, 1), InterleavedArray<true>{data});
     data[kRealPoints] = 0.0f;
     data[kRealPoints + 1] = 0.0f;
 }

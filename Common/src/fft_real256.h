@@ -23,6 +23,6 @@ inline constexpr int32_t kWorkFloats = 4 * 128;
 void RealForward256(float *data, float *half_spectrum, float *work);
 // Inverse scaled by 1/256 in place: 258 spectrum floats in, Im[0] and
 // Im[128] ignored; 256 samples out, data[256] = data[257] = 0.
-void RealInverse256(float *data, float *half_spectrum, float *work);
+void RealInverse256(float *data, float *work);
 
 }  // namespace kivbf::fft

@@ -80,6 +80,29 @@ constexpr Radix4Twiddles<kPoints / 4> MakeRadix4Twiddles() {
     return table;
 }
 
+// The same twiddles with each value repeated in four lanes, for passes
+// whose lanes all belong to one butterfly: lanes[p][2 (r - 1) + part],
+// part 0 the real and 1 the imaginary part of w^(r p).
+template <int32_t kQuarter>
+struct Radix4LaneTwiddles {
+    std::array<std::array<std::array<float, 4>, 6>, kQuarter> lanes;
+};
+
+template <int32_t kPoints>
+constexpr Radix4LaneTwiddles<kPoints / 4> MakeRadix4LaneTwiddles() {
+    const Radix4Twiddles<kPoints / 4> table = MakeRadix4Twiddles<kPoints>();
+    Radix4LaneTwiddles<kPoints / 4> repeated{};
+    for (int32_t p = 0; p < kPoints / 4; ++p) {
+        for (int32_t r = 0; r < 3; ++r) {
+            for (int32_t lane = 0; lane < 4; ++lane) {
+                repeated.lanes[p][2 * r][lane] = table.re[r][p];
+                repeated.lanes[p][2 * r + 1][lane] = table.im[r][p];
+            }
+        }
+    }
+    return repeated;
+}
+
 // Factors of the split between the 128-point complex spectrum Z of the
 // samples taken in pairs and the 256-point real spectrum X, for k < 128 and
 // W = exp(-2 pi i k / 256):
@@ -112,8 +135,8 @@ constexpr SplitTwiddles MakeInverseSplitTwiddles() {
 }
 
 inline constexpr auto kPass128Twiddles = MakeRadix4Twiddles<128>();
-inline constexpr auto kPass32Twiddles = MakeRadix4Twiddles<32>();
-inline constexpr auto kPass8Twiddles = MakeRadix4Twiddles<8>();
+inline constexpr auto kPass32LaneTwiddles = MakeRadix4LaneTwiddles<32>();
+inline constexpr auto kPass8LaneTwiddles = MakeRadix4LaneTwiddles<8>();
 inline constexpr SplitTwiddles kForwardSplitTwiddles = MakeForwardSplitTwiddles();
 inline constexpr SplitTwiddles kInverseSplitTwiddles = MakeInverseSplitTwiddles();
 
