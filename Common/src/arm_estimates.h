@@ -112,8 +112,38 @@ constexpr uint32_t RecipSqrtEstimateBits(uint32_t x) {
     return result_exponent << 23 | static_cast<uint32_t>(kRecipSqrtTable[scaled - 128]) << 15;
 }
 
-// Four-lane FRECPE from integer operations on the bits; only the table entry
-// is fetched lane by lane.
+// IEEE division in four lanes (x86 divps, AArch64 fdiv; ARMv7 lane by lane).
+inline float32x4_t Divide(float32x4_t a, float32x4_t b) {
+#if defined(__aarch64__)
+    return vdivq_f32(a, b);
+#elif !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
+    return _mm_div_ps(a, b);
+#else
+    float x[4];
+    float y[4];
+    vst1q_f32(x, a);
+    vst1q_f32(y, b);
+    for (int32_t i = 0; i < 4; ++i) x[i] = x[i] / y[i];
+    return vld1q_f32(x);
+#endif
+}
+
+// IEEE square root in four lanes (ARMv7 NEON has none: lane by lane there).
+inline float32x4_t SquareRootExact(float32x4_t a) {
+#if defined(__aarch64__)
+    return vsqrtq_f32(a);
+#elif !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
+    return _mm_sqrt_ps(a);
+#else
+    float x[4];
+    vst1q_f32(x, a);
+    for (float &v : x) v = __builtin_sqrtf(v);
+    return vld1q_f32(x);
+#endif
+}
+
+// Four-lane FRECPE from operations on the bits and one exact division for
+// the table entry.
 inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
     const uint32x4_t bits = vreinterpretq_u32_f32(x);
     const uint32x4_t sign = vandq_u32(bits, vdupq_n_u32(kSignBit));
@@ -130,18 +160,24 @@ inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
     const int32x4_t scaled_exponent =
         vsubq_s32(vreinterpretq_s32_u32(exponent), vreinterpretq_s32_u32(vandq_u32(shift_two, vdupq_n_u32(1))));
 
-    uint32_t index[4];
-    vst1q_u32(index, vshrq_n_u32(normalised, 15));
-    const uint32_t entries_array[4] = {kRecipTable[index[0]], kRecipTable[index[1]],
-                                       kRecipTable[index[2]], kRecipTable[index[3]]};
-    const uint32x4_t entry = vld1q_u32(entries_array);
+    // The table entry is ((2^19 / (2a + 1)) + 1) / 2 for a = 256 + the top
+    // eight fraction bits; one float division finds the integer quotient
+    // exactly (it is never within 1/1023 of a whole number, far more than the
+    // division's rounding error), so no lane has to visit the table.
+    const int32x4_t a = vreinterpretq_s32_u32(vaddq_u32(vshrq_n_u32(normalised, 15), vdupq_n_u32(256)));
+    const float32x4_t divisor = vcvtq_f32_s32(vaddq_s32(vshlq_n_s32(a, 1), vdupq_n_s32(1)));
+    const int32x4_t quotient = vcvtq_s32_f32(Divide(vdupq_n_f32(524288.0f), divisor));
+    const uint32x4_t entry = vandq_u32(
+        vreinterpretq_u32_s32(vshrq_n_s32(vaddq_s32(quotient, vdupq_n_s32(1)), 1)), vdupq_n_u32(0xFF));
 
     const int32x4_t result_exponent = vsubq_s32(vdupq_n_s32(253), scaled_exponent);
     const uint32x4_t normal_result = vorrq_u32(
         vshlq_n_u32(vreinterpretq_u32_s32(result_exponent), 23), vshlq_n_u32(entry, 15));
     // result_exponent 0 or -1: the leading one and the entry shifted by 14 or 13.
-    const uint32x4_t subnormal_result = vshlq_u32(
-        vorrq_u32(entry, vdupq_n_u32(0x100)), vaddq_s32(result_exponent, vdupq_n_s32(14)));
+    const uint32x4_t leading_one = vorrq_u32(entry, vdupq_n_u32(0x100));
+    const uint32x4_t subnormal_result =
+        vbslq_u32(vceqq_s32(result_exponent, vdupq_n_s32(0)), vshlq_n_u32(leading_one, 14),
+                  vshlq_n_u32(leading_one, 13));
     uint32x4_t result = vbslq_u32(vcgtq_s32(result_exponent, vdupq_n_s32(0)), normal_result,
                                   subnormal_result);
 
@@ -155,30 +191,40 @@ inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
     return vreinterpretq_f32_u32(result);
 }
 
-// Four-lane FRSQRTE likewise.
+// Four-lane FRSQRTE likewise, the entry from one exact square root and division.
 inline float32x4_t EmulatedRecipSqrtEstimate(float32x4_t x) {
     const uint32x4_t bits = vreinterpretq_u32_f32(x);
     const uint32x4_t exponent = vandq_u32(vshrq_n_u32(bits, 23), vdupq_n_u32(0xFF));
     const uint32x4_t fraction = vandq_u32(bits, vdupq_n_u32(kFractionMask));
     const uint32x4_t subnormal = vceqq_u32(exponent, vdupq_n_u32(0));
-    // A subnormal's leading one moves out of the fraction; its exponent
-    // becomes minus the count of zeros above that one.
-    const int32x4_t leading_zeros =
-        vsubq_s32(vreinterpretq_s32_u32(vclzq_u32(fraction)), vdupq_n_s32(9));
-    const uint32x4_t shifted = vandq_u32(
-        vshlq_u32(fraction, vaddq_s32(leading_zeros, vdupq_n_s32(1))), vdupq_n_u32(kFractionMask));
-    const uint32x4_t normalised = vbslq_u32(subnormal, shifted, fraction);
-    const int32x4_t scaled_exponent = vbslq_s32(subnormal, vnegq_s32(leading_zeros),
-                                                vreinterpretq_s32_u32(exponent));
+    // A subnormal's leading one moves out of the fraction and its exponent
+    // becomes minus the count of zeros above that one. The fraction as a
+    // whole number converts to a float exactly, and that float holds both:
+    // its fraction field is the normalised fraction, its exponent 149 above
+    // the normalised exponent.
+    const uint32x4_t as_float = vreinterpretq_u32_f32(vcvtq_f32_s32(vreinterpretq_s32_u32(fraction)));
+    const uint32x4_t normalised =
+        vbslq_u32(subnormal, vandq_u32(as_float, vdupq_n_u32(kFractionMask)), fraction);
+    const int32x4_t scaled_exponent = vbslq_s32(
+        subnormal, vsubq_s32(vreinterpretq_s32_u32(vshrq_n_u32(as_float, 23)), vdupq_n_s32(149)),
+        vreinterpretq_s32_u32(exponent));
 
     const uint32x4_t odd = vtstq_u32(vreinterpretq_u32_s32(scaled_exponent), vdupq_n_u32(1));
     const uint32x4_t table_index = vbslq_u32(odd, vshrq_n_u32(normalised, 16),
                                              vaddq_u32(vshrq_n_u32(normalised, 15), vdupq_n_u32(128)));
-    uint32_t index[4];
-    vst1q_u32(index, table_index);
-    const uint32_t entries_array[4] = {kRecipSqrtTable[index[0]], kRecipSqrtTable[index[1]],
-                                       kRecipSqrtTable[index[2]], kRecipSqrtTable[index[3]]};
-    const uint32x4_t entry = vld1q_u32(entries_array);
+    // The entry is ceil(2^14 / sqrt(a')) / 2 for the scaled input a' (see
+    // RecipSqrtTableEntry). a' takes 384 values, none a power of two; float
+    // square root, division and rounding up give every one of them exactly
+    // (the estimate test sweeps them all).
+    const int32x4_t a = vaddq_s32(vreinterpretq_s32_u32(table_index), vdupq_n_s32(128));
+    const int32x4_t below_half = vaddq_s32(vshlq_n_s32(a, 1), vdupq_n_s32(1));
+    const int32x4_t above_half = vaddq_s32(vshlq_n_s32(vshrq_n_s32(a, 1), 2), vdupq_n_s32(2));
+    const int32x4_t scaled_input = vbslq_s32(vcltq_s32(a, vdupq_n_s32(256)), below_half, above_half);
+    const float32x4_t bound = Divide(vdupq_n_f32(16384.0f), SquareRootExact(vcvtq_f32_s32(scaled_input)));
+    const int32x4_t truncated = vcvtq_s32_f32(bound);
+    const int32x4_t rounded_up = vsubq_s32(
+        truncated, vreinterpretq_s32_u32(vcltq_f32(vcvtq_f32_s32(truncated), bound)));
+    const uint32x4_t entry = vandq_u32(vreinterpretq_u32_s32(vshrq_n_s32(rounded_up, 1)), vdupq_n_u32(0xFF));
     // (380 - e) / 2 rounds down; 380 - e is positive for every exponent here.
     const uint32x4_t result_exponent = vreinterpretq_u32_s32(
         vshrq_n_s32(vsubq_s32(vdupq_n_s32(380), scaled_exponent), 1));
