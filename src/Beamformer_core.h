@@ -14,6 +14,7 @@
 
 #include "../Common/src/fft.h"
 #include "../LibGen_Tool/bf_internal_parameter.h"
+#include "Beamformer_core_enhanced.h"
 
 namespace kivbf {
 inline constexpr int32_t kHistoryBlocks = 5;   // blocks averaged by the coherence stages
@@ -172,6 +173,9 @@ struct BfCoreState {
     // --- Post-filter (modes 3, 4) -------------------------------------------------------
     BF_ALIGN float speech_presence[kivbf::kBins];  // second gain array; 1.0, never rewritten
     BF_ALIGN float pf_raw_gain[kivbf::kBins];      // unsmoothed gain; persists
+
+    // --- Enhanced mode (KivBfExt_SetEnhancedMode) ---------------------------------------
+    BfEnhancedState enhanced;
 
     // --- Region 2: the VAD instance, last ---------------------------------------------
     void *vad_instance;

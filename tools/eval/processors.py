@@ -106,6 +106,11 @@ def mode3(pcm, scene):
     return run_library(pcm, scene, kivbf.MODE_POSTFILTER)
 
 
+@processor("enh", "enhanced mode (kivbf_ext.h)", linear=False)
+def enhanced(pcm, scene):
+    return run_library(pcm, scene, kivbf.MODE_FIXED, setup=lambda bf: bf.set_enhanced_mode(True))
+
+
 def delay(x, seconds, sample_rate):
     """x delayed by a (fractional, non-negative) number of seconds, as a linear
     phase over the whole signal (zero-padded so nothing wraps)."""

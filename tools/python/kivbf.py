@@ -45,6 +45,7 @@ STATUS_NAMES = {
     0x10000320: "KIVBF_ERR_PF_FLOW",
     0x10000321: "KIVBF_ERR_CALIBRATION",
     0xFFFFFFFF: "KIVBF_ERR_DUMP_OPEN",
+    0x10000420: "KIVBFEXT_ERR_ENHANCED_SWITCH",
 }
 # The codes as module constants: kivbf.KIVBF_ERR_MODE == 0x10000316.
 globals().update({name: code for code, name in STATUS_NAMES.items()})
@@ -113,6 +114,8 @@ def _load():
         "KivBf_DynamicLoading": (u32, [vp, ptr(i32), ptr(i32), u32]),
         "KivBf_SetPfFlow": (u32, [vp, u32]),
         "KivBf_SetCalibration": (u32, [vp, u32]),
+        "KivBfExt_SetEnhancedMode": (u32, [vp, u32]),
+        "KivBfExt_GetEnhancedMode": (u32, [vp, ptr(u32)]),
     }
     for name, (restype, argtypes) in signatures.items():
         function = getattr(lib, name)
@@ -256,6 +259,16 @@ class Beamformer:
     def set_calibration(self, calibration_flag):
         _check("KivBf_SetCalibration", _lib.KivBf_SetCalibration(self._handle, calibration_flag))
 
+    def set_enhanced_mode(self, enable=True):
+        """kivbf_ext.h: the enhanced mode on (True) or off; SetMode also ends it."""
+        _check("KivBfExt_SetEnhancedMode", _lib.KivBfExt_SetEnhancedMode(self._handle, int(enable)))
+
+    def get_enhanced_mode(self):
+        enabled = ctypes.c_uint32()
+        _check("KivBfExt_GetEnhancedMode",
+               _lib.KivBfExt_GetEnhancedMode(self._handle, ctypes.byref(enabled)))
+        return bool(enabled.value)
+
     def run(self, block, direction=0.0):
         """One block: 128 frames of 2 int16 channels (shape (128, 2) or 256
         interleaved) in, 128 int16 out."""
@@ -284,14 +297,15 @@ def _to_pcm(x):
 
 def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR, mode=MODE_ADAPTIVE,
             angle=0.0, direction=0.0, compensate_latency=True, intensity=None, pf_flow=None,
-            calibration=0, dynamic_loading=None, **config):
+            calibration=0, dynamic_loading=None, enhanced=False, **config):
     """Beamforms a whole two-channel signal and returns the mono result.
 
     x: shape (samples, 2), int16 PCM or floats in [-1, 1). The output has as
     many samples as x, int16 (floats in, floats out). With compensate_latency
     the library's one block of delay is removed. `config` takes AudioBfConfig
     fields (temperature defaults to 20 C); dynamic_loading is (band, factors).
-    Mode 4, which KivBf_SetMode refuses but keeps, is run all the same."""
+    Mode 4, which KivBf_SetMode refuses but keeps, is run all the same.
+    enhanced runs the enhanced mode (kivbf_ext.h) after the mode is set."""
     floats = np.issubdtype(np.asarray(x).dtype, np.floating)
     pcm = _to_pcm(x)
     frames = pcm.shape[0]
@@ -310,6 +324,8 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
             bf.set_adaptive_intensity(intensity)
         if pf_flow is not None:
             bf.set_pf_flow(pf_flow)
+        if enhanced:
+            bf.set_enhanced_mode(True)
 
         delay = POINT_NUMBER if compensate_latency else 0
         blocks = -(-(frames + delay) // POINT_NUMBER)
