@@ -16,10 +16,11 @@ namespace {
 constexpr float kTiny = 1e-20f;
 constexpr int32_t kBlockCountLimit = 1000;
 
-// Noise covariance: keep 0.98 of it when the talker is absent, up to 0.995
-// when present; during the first blocks the plain running mean (faster).
-constexpr float kNoiseKeepAbsent = 0.98f;
-constexpr float kNoiseKeepRange = 0.015f;
+// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.998
+// when present (no more, so that nothing stays for long); during the first
+// blocks the plain running mean (faster).
+constexpr float kNoiseKeepAbsent = 0.985f;
+constexpr float kNoiseKeepRange = 0.013f;
 constexpr int32_t kWarmUpBlocks = 50;
 
 // Transfer function: forgetting of its presence-weighted statistics, the
@@ -31,9 +32,9 @@ constexpr float kCos35 = 0.819152044f;
 constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
 
-constexpr float kLoading = 0.005f;         // times the mean of the diagonal
+constexpr float kLoading = 0.03f;          // times the mean of the diagonal
 constexpr float kDecisionDirected = 0.92f;
-constexpr float kGainFloor = 0.5f;         // -6 dB
+constexpr float kGainFloor = 0.7f;         // -3 dB: keeps the reverberant talker natural
 
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
