@@ -40,6 +40,7 @@ struct BfEnhancedBlock {
     float steer_re[kivbf::kBins];  // free-field ratio microphone 1 / microphone 0, look direction
     float steer_im[kivbf::kBins];
     float diffuse_coherence[kivbf::kBins];  // diffuse field seen through the steering, +-0.98
+    float diffuse_sinc[kivbf::kBins];       // coherence of a diffuse field between the microphones
     float resolvable[kivbf::kBins];         // 1 where the spacing resolves direction, else 0
     int32_t first_resolvable;               // first bin with resolvable 1
     float fixed_power[kivbf::kBins + 2 * kEnhancedGuard];    // averaged |fixed beam|^2

@@ -27,14 +27,18 @@ constexpr int32_t kWarmUpBlocks = 50;
 // share of the estimate against free field, and how far it may stray.
 constexpr float kTransferKeep = 0.995f;
 constexpr float kShareLow = 0.2f;
-constexpr float kShareHigh = 0.5f;
+constexpr float kShareHigh = 0.8f;
 constexpr float kCos35 = 0.819152044f;
 constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
 
-constexpr float kLoading = 0.03f;          // times the mean of the diagonal
-constexpr float kDecisionDirected = 0.92f;
-constexpr float kGainFloor = 0.7f;         // -3 dB: keeps the reverberant talker natural
+// Diagonal loading, times the mean of the diagonal: kLoading where the noise
+// is as diffuse as a diffuse field would be, falling to kLoadingPoint where
+// it is one point source (coherence 1), whose null may then go deep.
+constexpr float kLoading = 0.1f;
+constexpr float kLoadingPoint = 0.001f;
+constexpr float kDecisionDirected = 0.8f;
+constexpr float kGainFloor = 0.5f;         // -6 dB
 
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
@@ -111,7 +115,12 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T hi = Add(Mul(rr, di), Mul(ri, dr));
 
         // MVDR with loading: w = R^-1 h / (h^H R^-1 h), h = [1, h1].
-        const T loading = Add(Mul(Splat(kLoading * 0.5f, zero), Add(n[0], n[1])), tiny);
+        const T coherence = Div(Add(Mul(n[2], n[2]), Mul(n[3], n[3])), Max(Mul(n[0], n[1]), tiny));
+        const T g = Load(b.diffuse_sinc + k, zero);
+        const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
+        const T pointness = Clamp(Div(Sub(coherence, diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
+        const T factor = Add(Mul(Splat(kLoading, zero), Sub(one, pointness)), Splat(kLoadingPoint, zero));
+        const T loading = Add(Mul(Mul(factor, Splat(0.5f, zero)), Add(n[0], n[1])), tiny);
         const T r00 = Add(n[0], loading), r11 = Add(n[1], loading);
         const T u0r = Sub(r11, Sub(Mul(n[2], hr), Mul(n[3], hi)));
         const T u0i = Sub(Splat(0.0f, zero), Add(Mul(n[2], hi), Mul(n[3], hr)));

@@ -73,6 +73,7 @@ void Bf_EnhancedSteering(const BfCoreState &s, BfEnhancedBlock &b) {
         b.steer_re[k] = static_cast<float>(d_re);
         b.steer_im[k] = static_cast<float>(d_im);
         b.diffuse_coherence[k] = static_cast<float>(coherence);
+        b.diffuse_sinc[k] = static_cast<float>(sinc);
         const bool resolves = argument >= kResolvableArgument;
         b.resolvable[k] = resolves ? 1.0f : 0.0f;
         if (resolves && b.first_resolvable == kBins) b.first_resolvable = k;
