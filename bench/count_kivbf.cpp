@@ -6,6 +6,7 @@
 //   count_kivbf setmode MODE CALLS
 //   count_kivbf init CALLS
 //   count_kivbf peer FRAMES                   the WebRTC beamformer, 10 ms frames
+//   count_kivbf enhanced STREAM BLOCKS        the enhanced mode (kivbf_ext.h)
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
@@ -16,6 +17,7 @@
 
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core.h"
+#include "kivbf_ext.h"
 #include "peer_webrtc.h"
 #include "scene.h"
 
@@ -26,7 +28,8 @@ namespace {
 int Usage() {
     std::fprintf(stderr,
                  "usage: count_kivbf run MODE level|vad mixed|noise|speech BLOCKS\n"
-                 "       count_kivbf fft BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n");
+                 "       count_kivbf fft BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n"
+                 "       count_kivbf enhanced mixed|noise|speech BLOCKS\n");
     return 2;
 }
 
@@ -39,6 +42,22 @@ int CountRun(uint32_t mode, const std::string &gate, const std::string &stream, 
     Instance instance(mode, gate == "vad" ? 1 : 0);
     const std::vector<int16_t> scene = MakeScene(talker, kStreamBlocks);
     std::vector<int16_t> out(kHop);
+    CALLGRIND_TOGGLE_COLLECT;
+    for (int b = 0; b < blocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
+    CALLGRIND_TOGGLE_COLLECT;
+    return 0;
+}
+
+int CountEnhanced(const std::string &stream, int blocks) {
+    Talker talker = Talker::kBursts;
+    if (stream == "noise") talker = Talker::kNever;
+    else if (stream == "speech") talker = Talker::kAlways;
+    else if (stream != "mixed") return Usage();
+    Instance instance(1, 1);
+    if (KivBfExt_SetEnhancedMode(instance.handle(), 1) != KIVBF_OK) return 1;
+    const std::vector<int16_t> scene = MakeScene(talker, kStreamBlocks);
+    std::vector<int16_t> out(kHop);
+    for (int b = 0; b < kWarmUpBlocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
     CALLGRIND_TOGGLE_COLLECT;
     for (int b = 0; b < blocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
     CALLGRIND_TOGGLE_COLLECT;
@@ -109,5 +128,6 @@ int main(int argc, char **argv) {
         return CountSetMode(static_cast<uint32_t>(std::atoi(argv[2])), std::atoi(argv[3]));
     if (what == "init" && argc == 3) return CountInit(std::atoi(argv[2]));
     if (what == "peer" && argc == 3) return CountPeer(std::atoi(argv[2]));
+    if (what == "enhanced" && argc == 4) return CountEnhanced(argv[2], std::atoi(argv[3]));
     return Usage();
 }
