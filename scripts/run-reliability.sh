@@ -23,11 +23,11 @@ echo "=== exported symbols"
 if cmake -S . -B build/shared -DBUILD_SHARED_LIBS=ON -DKIVBF_BUILD_TESTS=OFF \
      -DKIVBF_BUILD_TOOLS=OFF >/dev/null && cmake --build build/shared --target kivbf -j 2 >/dev/null; then
   extra=$(nm -D --defined-only build/shared/libkivbf.so | awk '{print $3}' |
-          grep -Ev '^(KivBf_[A-Za-z]+|Pel(Fs|OsMem)[A-Za-z]+)$' || true)
+          grep -Ev '^(KivBf_[A-Za-z]+|KivBfExt_[A-Za-z]+|Pel(Fs|OsMem)[A-Za-z]+)$' || true)
   count=$(nm -D --defined-only build/shared/libkivbf.so | grep -c ' T KivBf_')
   weak=$(nm -D --defined-only build/shared/libkivbf.so | grep -c ' W Pel')
   if [[ -z $extra && $count -eq 17 && $weak -eq 6 ]]; then
-    echo "exports: OK ($count KivBf_ calls, $weak weak platform calls)"
+    echo "exports: OK ($count KivBf_ calls, $(nm -D --defined-only build/shared/libkivbf.so | grep -c ' T KivBfExt_') KivBfExt_ calls, $weak weak platform calls)"
   else
     echo "unexpected exports ($count KivBf_, $weak weak Pel*): $extra"; failed+=(exports)
   fi

@@ -35,6 +35,7 @@ constexpr StatusEntry kStatusNames[] = {
     {KIVBF_ERR_PF_FLOW, "KIVBF_ERR_PF_FLOW"},
     {KIVBF_ERR_CALIBRATION, "KIVBF_ERR_CALIBRATION"},
     {KIVBF_ERR_DUMP_OPEN, "KIVBF_ERR_DUMP_OPEN"},
+    {KIVBFEXT_ERR_ENHANCED_SWITCH, "KIVBFEXT_ERR_ENHANCED_SWITCH"},
 };
 
 bool ParseLong(const char *text, long low, long high, long *value) {
@@ -165,7 +166,9 @@ const char kLibraryOptionsHelp[] =
     "  --intensity 0..4        adaptive intensity (library default 1)\n"
     "  --pf-flow 0..2          post-filter flow (library default 1)\n"
     "  --dynamic-loading b1,..,b6:i1,..,i7\n"
-    "                          per-band loading: 6 ascending bins, 7 factors\n";
+    "                          per-band loading: 6 ascending bins, 7 factors\n"
+    "  --enhanced              the enhanced mode (kivbf_ext.h) instead of --mode's stages;\n"
+    "                          steers at --direction\n";
 
 const char *StatusName(uint32_t status) {
     for (const StatusEntry &entry : kStatusNames)
@@ -175,6 +178,10 @@ const char *StatusName(uint32_t status) {
 
 OptionResult ParseLibraryOption(int argc, char **argv, int *index, LibrarySettings *settings) {
     const char *name = argv[*index];
+    if (std::strcmp(name, "--enhanced") == 0) {
+        settings->enhanced = true;
+        return OptionResult::kConsumed;
+    }
     for (const char *option : kValueOptions) {
         if (std::strcmp(name, option) != 0) continue;
         const char *value = *index + 1 < argc ? argv[*index + 1] : nullptr;
@@ -229,6 +236,9 @@ Beamformer::Beamformer(const LibrarySettings &settings) : direction_(settings.di
                KivBf_SetAdaptiveIntensity(handle_, settings.intensity)))
         return;
     if (settings.has_pf_flow && !Check("KivBf_SetPfFlow", KivBf_SetPfFlow(handle_, settings.pf_flow)))
+        return;
+    if (settings.enhanced &&
+        !Check("KivBfExt_SetEnhancedMode", KivBfExt_SetEnhancedMode(handle_, 1)))
         return;
 }
 

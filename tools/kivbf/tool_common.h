@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "AudioBfProcess.h"
+#include "kivbf_ext.h"
 
 // What the library is told before the first block. Defaults are the
 // library's own, except the temperature, which the library leaves at 0.
@@ -31,6 +32,7 @@ struct LibrarySettings {
     bool has_dynamic_loading = false;
     int32_t bands[6] = {};
     int32_t band_intensity[7] = {};
+    bool enhanced = false;  // KivBfExt_SetEnhancedMode(1) after the other setters
 };
 
 // "KIVBF_ERR_..." for a status code, "unknown status" otherwise.
