@@ -30,8 +30,10 @@ def gain_db(y, x):
 
 class Binding(unittest.TestCase):
     def test_status_names_match_the_header(self):
-        with open(os.path.join(SOURCE, "include", "AudioBfProcess.h")) as f:
-            header = dict(re.findall(r"#define (KIVBF_(?:OK|ERR_\w+))\s+(0x[0-9A-Fa-f]+)u", f.read()))
+        header = {}
+        for name in ("AudioBfProcess.h", "kivbf_ext.h"):
+            with open(os.path.join(SOURCE, "include", name)) as f:
+                header.update(re.findall(r"#define (KIVBF(?:EXT)?_(?:OK|ERR_\w+))\s+(0x[0-9A-Fa-f]+)u", f.read()))
         self.assertEqual({name: int(code, 16) for name, code in header.items()},
                          {name: code for code, name in kivbf.STATUS_NAMES.items()})
 
@@ -67,7 +69,14 @@ class Binding(unittest.TestCase):
             bf.set_adaptive_intensity(2)
             bf.set_pf_flow(0)
             bf.set_callback_function()
+            bf.set_enhanced_mode(True)
+            self.assertTrue(bf.get_enhanced_mode())
+            with self.assertRaises(kivbf.KivBfError) as caught:
+                bf.set_enhanced_mode(2)
+            self.assertEqual(caught.exception.name, "KIVBFEXT_ERR_ENHANCED_SWITCH")
             self.assertEqual(bf.run(np.zeros((128, 2), np.int16)).shape, (128,))
+            bf.set_mode(kivbf.MODE_FIXED)
+            self.assertFalse(bf.get_enhanced_mode())
             bf.reset()
             with self.assertRaises(kivbf.KivBfError):
                 bf.run(np.zeros(256, np.int16))

@@ -260,7 +260,8 @@ class Beamformer:
         _check("KivBf_SetCalibration", _lib.KivBf_SetCalibration(self._handle, calibration_flag))
 
     def set_enhanced_mode(self, enable=True):
-        """kivbf_ext.h: the enhanced mode on (True) or off; SetMode also ends it."""
+        """kivbf_ext.h: the enhanced mode on (True, 1) or off (False, 0); a
+        successful set_mode also ends it."""
         _check("KivBfExt_SetEnhancedMode", _lib.KivBfExt_SetEnhancedMode(self._handle, int(enable)))
 
     def get_enhanced_mode(self):
