@@ -16,11 +16,11 @@ namespace {
 constexpr float kTiny = 1e-20f;
 constexpr int32_t kBlockCountLimit = 1000;
 
-// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.998
+// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.999
 // when present (no more, so that nothing stays for long); during the first
 // blocks the plain running mean (faster).
 constexpr float kNoiseKeepAbsent = 0.985f;
-constexpr float kNoiseKeepRange = 0.013f;
+constexpr float kNoiseKeepRange = 0.014f;
 constexpr int32_t kWarmUpBlocks = 50;
 
 // Transfer function: forgetting of its presence-weighted statistics, the

