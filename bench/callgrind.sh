@@ -51,6 +51,9 @@ for mode in 0 1 2 3 4; do
         done
     done
 done
+for stream in mixed noise speech; do
+    row "run/enhanced/$stream" "$(per_unit $blocks enhanced $stream $blocks)" 1
+done
 row setmode/mode1 "$(per_unit 10 setmode 1 10)"
 row setmode/mode3 "$(per_unit 10 setmode 3 10)"
 row init "$(per_unit 10 init 10)"

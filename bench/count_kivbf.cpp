@@ -10,6 +10,7 @@
 //   count_kivbf peer FRAMES                   the WebRTC beamformer, 10 ms frames
 //   count_kivbf locate BLOCKS                 the direction finder's share of a block
 //   count_kivbf buffer                        prints the working buffer's size in bytes
+//   count_kivbf enhanced STREAM BLOCKS        the enhanced mode (kivbf_ext.h)
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
@@ -21,6 +22,7 @@
 #include "AudioBfProcess_internal.h"
 #include "Beamformer_core.h"
 #include "kiss_floor.h"
+#include "kivbf_ext.h"
 #include "peer_webrtc.h"
 #include "scene.h"
 
@@ -40,7 +42,8 @@ int Usage() {
     std::fprintf(stderr,
                  "usage: count_kivbf run MODE level|vad mixed|noise|speech BLOCKS\n"
                  "       count_kivbf fft BLOCKS | fft_own BLOCKS | setmode MODE CALLS | init CALLS | peer FRAMES\n"
-                 "       count_kivbf locate BLOCKS | buffer\n");
+                 "       count_kivbf locate BLOCKS | buffer\n"
+                 "       count_kivbf enhanced mixed|noise|speech BLOCKS\n");
     return 2;
 }
 
@@ -53,6 +56,22 @@ int CountRun(uint32_t mode, const std::string &gate, const std::string &stream, 
     Instance instance(mode, gate == "vad" ? 1 : 0);
     const std::vector<int16_t> scene = MakeScene(talker, kStreamBlocks);
     std::vector<int16_t> out(kHop);
+    kivbf_count_toggle();
+    for (int b = 0; b < blocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
+    kivbf_count_toggle();
+    return 0;
+}
+
+int CountEnhanced(const std::string &stream, int blocks) {
+    Talker talker = Talker::kBursts;
+    if (stream == "noise") talker = Talker::kNever;
+    else if (stream == "speech") talker = Talker::kAlways;
+    else if (stream != "mixed") return Usage();
+    Instance instance(1, 1);
+    if (KivBfExt_SetEnhancedMode(instance.handle(), 1) != KIVBF_OK) return 1;
+    const std::vector<int16_t> scene = MakeScene(talker, kStreamBlocks);
+    std::vector<int16_t> out(kHop);
+    for (int b = 0; b < kWarmUpBlocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
     kivbf_count_toggle();
     for (int b = 0; b < blocks; ++b) instance.Run(&scene[2 * kHop * (b % kStreamBlocks)], out.data());
     kivbf_count_toggle();
@@ -151,5 +170,6 @@ int main(int argc, char **argv) {
     if (what == "peer" && argc == 3) return CountPeer(std::atoi(argv[2]));
     if (what == "locate" && argc == 3) return CountLocate(std::atoi(argv[2]));
     if (what == "buffer" && argc == 2) return std::printf("%u\n", KivBf_GetBufferSize()) > 0 ? 0 : 1;
+    if (what == "enhanced" && argc == 4) return CountEnhanced(argv[2], std::atoi(argv[3]));
     return Usage();
 }

@@ -27,7 +27,7 @@ if cmake -S . -B build/shared -DBUILD_SHARED_LIBS=ON -DKIVBF_BUILD_TESTS=OFF \
   count=$(nm -D --defined-only build/shared/libkivbf.so | grep -c ' T KivBf_')
   ext=$(nm -D --defined-only build/shared/libkivbf.so | grep -c ' T KivBfExt_')
   weak=$(nm -D --defined-only build/shared/libkivbf.so | grep -c ' W Pel')
-  if [[ -z $extra && $count -eq 17 && $ext -eq 5 && $weak -eq 6 ]]; then
+  if [[ -z $extra && $count -eq 17 && $ext -eq 7 && $weak -eq 6 ]]; then
     echo "exports: OK ($count KivBf_ calls, $ext KivBfExt_ calls, $weak weak platform calls)"
   else
     echo "unexpected exports ($count KivBf_, $ext KivBfExt_, $weak weak Pel*): $extra"; failed+=(exports)

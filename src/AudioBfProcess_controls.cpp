@@ -93,6 +93,7 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
             DML_PRINT(level, DML_ERR, "[%s] %s[BF] [SetMode] Fail! Please check the mode!\t\n");
             return KIVBF_ERR_MODE;
     }
+    s.enhanced.enabled = 0;  // a mode set by SetMode ends the enhanced mode
     s.mode_flag = 1;
     return KIVBF_OK;
 }

@@ -89,6 +89,18 @@ bool IsNoiseBlock(const BfCoreState &s) {
 bool IsAdaptiveMode(int32_t mode) { return mode == 0 || mode == 3 || mode == 4; }
 bool HasPostFilter(int32_t mode) { return mode == 3 || mode == 4; }
 
+// The enhanced mode (kivbf_ext.h) in place of the operating mode's stages; it
+// touches none of their state.
+void RunEnhanced(BfCoreState &s, int16_t *output) {
+    BF_ALIGN float spectrum[kSpectrumFloats];
+    Bf_EnhancedBlock(s, spectrum);
+    vec_fill(s.pf_gain, 1.0f, kBins);
+    Bf_Synthesis(s, spectrum, s.synth_frame);
+    Bf_OutputStage(s, output);
+    DumpOutput(s, output);
+    s.run_flag = 1;
+}
+
 }  // namespace
 
 extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_t *output,
@@ -124,6 +136,11 @@ extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_
     Bf_Calibrate(s);
     if (Bf_LocateEnabled(s)) Bf_Locate(s);
     TakeDirection(s, Bf_SteeringDirection(s, *direction));
+
+    if (s.enhanced.enabled == 1) {
+        RunEnhanced(s, output);
+        return KIVBF_OK;
+    }
 
     const int32_t mode = s.mode;
     if (IsAdaptiveMode(mode)) {

@@ -14,6 +14,7 @@
 
 #include "../Common/src/fft.h"
 #include "../LibGen_Tool/bf_internal_parameter.h"
+#include "Beamformer_core_enhanced.h"
 
 namespace kivbf {
 inline constexpr int32_t kHistoryBlocks = 5;   // blocks averaged by the coherence stages
@@ -218,6 +219,8 @@ struct BfCoreState {
 
     // --- Direction finding and automatic steering (extension) ----------------------------
     BF_ALIGN BfLocateState locate;
+    // --- Enhanced mode (KivBfExt_SetEnhancedMode) ---------------------------------------
+    BfEnhancedState enhanced;
 
     // --- Region 2: the VAD instance, last ---------------------------------------------
     void *vad_instance;

@@ -94,7 +94,14 @@ class Binding(unittest.TestCase):
             bf.set_adaptive_intensity(2)
             bf.set_pf_flow(0)
             bf.set_callback_function()
+            bf.set_enhanced_mode(True)
+            self.assertTrue(bf.get_enhanced_mode())
+            with self.assertRaises(kivbf.KivBfError) as caught:
+                bf.set_enhanced_mode(2)
+            self.assertEqual(caught.exception.name, "KIVBFEXT_ERR_ENHANCED_SWITCH")
             self.assertEqual(bf.run(np.zeros((128, 2), np.int16)).shape, (128,))
+            bf.set_mode(kivbf.MODE_FIXED)
+            self.assertFalse(bf.get_enhanced_mode())
             bf.reset()
             with self.assertRaises(kivbf.KivBfError):
                 bf.run(np.zeros(256, np.int16))

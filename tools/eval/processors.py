@@ -114,6 +114,9 @@ def mode0_auto(pcm, scene):
 @processor("3auto", "mode 3 steered by the direction finder", linear=False)
 def mode3_auto(pcm, scene):
     return run_library(pcm, scene, kivbf.MODE_POSTFILTER, setup=lambda bf: bf.set_auto_steer(1))
+@processor("enh", "enhanced mode (kivbf_ext.h)", linear=False)
+def enhanced(pcm, scene):
+    return run_library(pcm, scene, kivbf.MODE_FIXED, setup=lambda bf: bf.set_enhanced_mode(True))
 
 
 def delay(x, seconds, sample_rate):

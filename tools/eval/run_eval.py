@@ -3,6 +3,7 @@
 (the library's modes and a delay-and-sum reference) over it and prints the
 metrics per scene and their medians. `kivbf eval --help` for the options."""
 import argparse
+import dataclasses
 import os
 import sys
 import tempfile
@@ -75,6 +76,8 @@ def main(argv=None):
                         help=f"comma-separated processors, of {', '.join(processors.PROCESSORS)} "
                              f"(default: all)")
     parser.add_argument("--only", help="comma-separated scene names to run")
+    parser.add_argument("--look-offset", type=float, default=0.0, metavar="DEG",
+                        help="steer every processor this many degrees beside each scene's look direction")
     parser.add_argument("--plot", action="store_true", help="draw bars and spectrograms into --out")
     parser.add_argument("--out", default="kivbf-eval", help="directory for results.csv and plots")
     args = parser.parse_args(argv)
@@ -98,6 +101,8 @@ def main(argv=None):
     names, all_results, rendered_scenes = [], [], []
     for scene in scene_list:
         rendered = scenes.render(scene)
+        if args.look_offset:
+            rendered = dataclasses.replace(rendered, look=rendered.look + args.look_offset)
         print(f"{rendered.name}: {rendered.description}", flush=True)
         names.append(rendered.name)
         all_results.append(evaluate_scene(rendered, chosen))

@@ -41,6 +41,7 @@ constexpr StatusEntry kStatusNames[] = {
     {KIVBF_ERR_PF_FLOW, "KIVBF_ERR_PF_FLOW"},
     {KIVBF_ERR_CALIBRATION, "KIVBF_ERR_CALIBRATION"},
     {KIVBF_ERR_DUMP_OPEN, "KIVBF_ERR_DUMP_OPEN"},
+    {KIVBFEXT_ERR_ENHANCED_SWITCH, "KIVBFEXT_ERR_ENHANCED_SWITCH"},
 };
 
 bool ParseLong(const char *text, long low, long high, long *value) {
@@ -178,7 +179,9 @@ const char kLibraryOptionsHelp[] =
     "  --intensity 0..4        adaptive intensity (library default 1)\n"
     "  --pf-flow 0..2          post-filter flow (library default 1)\n"
     "  --dynamic-loading b1,..,b6:i1,..,i7\n"
-    "                          per-band loading: 6 ascending bins, 7 factors\n";
+    "                          per-band loading: 6 ascending bins, 7 factors\n"
+    "  --enhanced              the enhanced mode (kivbf_ext.h) instead of --mode's stages;\n"
+    "                          steers at --direction\n";
 
 const char *StatusName(uint32_t status) {
     for (const StatusEntry &entry : kStatusNames)
@@ -190,6 +193,10 @@ OptionResult ParseLibraryOption(int argc, char **argv, int *index, LibrarySettin
     const char *name = argv[*index];
     if (std::strcmp(name, "--auto-steer") == 0) {
         settings->auto_steer = true;
+        return OptionResult::kConsumed;
+    }
+    if (std::strcmp(name, "--enhanced") == 0) {
+        settings->enhanced = true;
         return OptionResult::kConsumed;
     }
     for (const char *option : kValueOptions) {
@@ -254,6 +261,9 @@ Beamformer::Beamformer(const LibrarySettings &settings) : direction_(settings.di
     if (settings.has_window &&
         !Check("KivBfExt_SetSearchWindow",
                KivBfExt_SetSearchWindow(handle_, settings.window_centre, settings.window_half_width)))
+        return;
+    if (settings.enhanced &&
+        !Check("KivBfExt_SetEnhancedMode", KivBfExt_SetEnhancedMode(handle_, 1)))
         return;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "AudioBfProcess.h"
+#include "kivbf_ext.h"
 
 // What the library is told before the first block. Defaults are the
 // library's own, except the temperature, which the library leaves at 0.
@@ -35,6 +36,7 @@ struct LibrarySettings {
     bool has_window = false;   // search window, degrees
     float window_centre = 0.0f;
     float window_half_width = 180.0f;
+    bool enhanced = false;  // KivBfExt_SetEnhancedMode(1) after the other setters
 };
 
 // "KIVBF_ERR_..." for a status code, "unknown status" otherwise.

@@ -50,6 +50,7 @@ STATUS_NAMES = {
     0x10000401: "KIVBFEXT_ERR_MESSAGE_SINK",
     0x10000410: "KIVBFEXT_ERR_AUTO_STEER",
     0x10000411: "KIVBFEXT_ERR_SEARCH_WINDOW",
+    0x10000420: "KIVBFEXT_ERR_ENHANCED_SWITCH",
 }
 # The codes as module constants: kivbf.KIVBF_ERR_MODE == 0x10000316.
 globals().update({name: code for code, name in STATUS_NAMES.items()})
@@ -123,6 +124,8 @@ def _load():
         "KivBfExt_SetDirectionFinder": (u32, [vp, u32]),
         "KivBfExt_SetSearchWindow": (u32, [vp, f32, f32]),
         "KivBfExt_GetDirection": (u32, [vp, ptr(f32), ptr(f32)]),
+        "KivBfExt_SetEnhancedMode": (u32, [vp, u32]),
+        "KivBfExt_GetEnhancedMode": (u32, [vp, ptr(u32)]),
     }
     for name, (restype, argtypes) in signatures.items():
         function = getattr(lib, name)
@@ -281,6 +284,16 @@ class Beamformer:
         _check("KivBfExt_GetDirection", _lib.KivBfExt_GetDirection(
             self._handle, ctypes.byref(degrees), ctypes.byref(confidence)))
         return degrees.value, confidence.value
+    def set_enhanced_mode(self, enable=True):
+        """kivbf_ext.h: the enhanced mode on (True, 1) or off (False, 0); a
+        successful set_mode also ends it."""
+        _check("KivBfExt_SetEnhancedMode", _lib.KivBfExt_SetEnhancedMode(self._handle, int(enable)))
+
+    def get_enhanced_mode(self):
+        enabled = ctypes.c_uint32()
+        _check("KivBfExt_GetEnhancedMode",
+               _lib.KivBfExt_GetEnhancedMode(self._handle, ctypes.byref(enabled)))
+        return bool(enabled.value)
 
     def run(self, block, direction=0.0):
         """One block: 128 frames of 2 int16 channels (shape (128, 2) or 256
@@ -336,7 +349,8 @@ def _resample(x, rate_from, rate_to):
 
 def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR, mode=MODE_ADAPTIVE,
             angle=0.0, direction=0.0, compensate_latency=True, intensity=None, pf_flow=None,
-            calibration=0, dynamic_loading=None, auto_steer=False, search_window=None, **config):
+            calibration=0, dynamic_loading=None, auto_steer=False, search_window=None, enhanced=False,
+            **config):
     """Beamforms a whole two-channel signal and returns the mono result.
 
     x: shape (samples, 2), int16 PCM or floats in [-1, 1). The output has as
@@ -347,7 +361,8 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
     search_window (centre, half-width) degrees when given.
     Mode 4, which KivBf_SetMode refuses but keeps, is run all the same.
     Other sample rates are converted to the nearest supported one and back
-    with scipy.signal.resample_poly (a note goes to stderr)."""
+    with scipy.signal.resample_poly (a note goes to stderr). enhanced runs
+    the enhanced mode (kivbf_ext.h) after the mode is set."""
     floats = np.issubdtype(np.asarray(x).dtype, np.floating)
     if sample_rate not in SAMPLE_RATES:
         run_rate = nearest_sample_rate(sample_rate)
@@ -355,7 +370,7 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
         signal = _to_pcm(x).astype(np.float64) / 32768.0
         mono = process(_resample(signal, sample_rate, run_rate), run_rate, microphone_distance, shape, mode,
                        angle, direction, compensate_latency, intensity, pf_flow, calibration,
-                       dynamic_loading, auto_steer, search_window, **config)
+                       dynamic_loading, auto_steer, search_window, enhanced, **config)
         back = _resample(mono, run_rate, sample_rate)
         out = np.zeros(signal.shape[0])
         out[:min(len(back), len(out))] = back[:len(out)]
@@ -381,6 +396,8 @@ def process(x, sample_rate=16000, microphone_distance=5.0, shape=GEOMETRY_LINEAR
             bf.set_auto_steer(1)
         if search_window is not None:
             bf.set_search_window(*search_window)
+        if enhanced:
+            bf.set_enhanced_mode(True)
 
         delay = POINT_NUMBER if compensate_latency else 0
         blocks = -(-(frames + delay) // POINT_NUMBER)

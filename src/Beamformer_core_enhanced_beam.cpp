@@ -1,0 +1,152 @@
+// Enhanced mode, second half: the noise covariance (forgetting set by the
+// presence), a relative transfer function estimated where the talker
+// dominates and held near the look direction, MVDR weights with diagonal
+// loading, and a decision-directed Wiener post-filter whose noise is the
+// covariance seen through the weights.
+#include <cstring>
+
+#include "Beamformer_core.h"
+#include "Beamformer_core_enhanced_ops.h"
+
+using namespace kivbf;
+using namespace kivbf::enhanced;
+
+namespace {
+
+constexpr float kTiny = 1e-20f;
+constexpr int32_t kBlockCountLimit = 1000;
+
+// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.999
+// when present (no more, so that nothing stays for long); during the first
+// blocks the plain running mean (faster).
+constexpr float kNoiseKeepAbsent = 0.985f;
+constexpr float kNoiseKeepRange = 0.014f;
+constexpr int32_t kWarmUpBlocks = 50;
+
+// Transfer function: forgetting of its presence-weighted statistics, the
+// share of the estimate against free field, and how far it may stray.
+constexpr float kTransferKeep = 0.995f;
+constexpr float kShareLow = 0.2f;
+constexpr float kShareHigh = 0.8f;
+constexpr float kCos35 = 0.819152044f;
+constexpr float kSin35 = 0.573576436f;
+constexpr float kGainLimit = 1.5f;
+
+// Diagonal loading, times the mean of the diagonal: kLoading where the noise
+// is as diffuse as a diffuse field would be, falling to kLoadingPoint where
+// it is one point source (coherence 1), whose null may then go deep.
+constexpr float kLoading = 0.1f;
+constexpr float kLoadingPoint = 0.001f;
+constexpr float kDecisionDirected = 0.8f;
+constexpr float kGainFloor = 0.5f;         // -6 dB
+
+// The relative transfer function's ratio to the free-field steering, its
+// phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
+template <typename T>
+void BoundRatio(T &re, T &im) {
+    const T magnitude = Sqrt(Add(Mul(re, re), Mul(im, im)));
+    const auto too_wide = Less(re, Mul(magnitude, Splat(kCos35, re)));
+    const T side = Mul(magnitude, Splat(kSin35, re));
+    re = Select(too_wide, Mul(magnitude, Splat(kCos35, re)), re);
+    im = Select(too_wide, Select(Less(im, Splat(0.0f, re)), Sub(Splat(0.0f, re), side), side), im);
+    const T bounded = Clamp(magnitude, 1.0f / kGainLimit, kGainLimit);
+    const T scale = Div(bounded, Max(magnitude, Splat(kTiny, re)));
+    re = Mul(re, scale);
+    im = Mul(im, scale);
+}
+
+}  // namespace
+
+void Bf_EnhancedStart(BfCoreState &s) {
+    std::memset(&s.enhanced, 0, sizeof s.enhanced);
+    s.enhanced.enabled = 1;
+}
+
+void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
+    BfEnhancedState &e = s.enhanced;
+    BfEnhancedBlock b;
+    Bf_EnhancedSteering(s, b);
+    Bf_EnhancedPresence(s, b);
+
+    const float warm_up = e.blocks < kWarmUpBlocks
+                              ? static_cast<float>(e.blocks) / static_cast<float>(e.blocks + 1)
+                              : 1.0f;
+    ForEachBin([&](auto zero, int32_t k) {
+        using T = decltype(zero);
+        const T one = Splat(1.0f, zero), tiny = Splat(kTiny, zero);
+        T x0r, x0i, x1r, x1i;
+        LoadComplex(s.mic_spectrum[0] + 2 * k, x0r, x0i);
+        LoadComplex(s.mic_spectrum[1] + 2 * k, x1r, x1i);
+        const T p = Load(b.presence + k, zero);
+        const T dr = Load(b.steer_re + k, zero), di = Load(b.steer_im + k, zero);
+
+        // Noise covariance.
+        const T inst[4] = {Add(Mul(x0r, x0r), Mul(x0i, x0i)), Add(Mul(x1r, x1r), Mul(x1i, x1i)),
+                           Add(Mul(x0r, x1r), Mul(x0i, x1i)), Sub(Mul(x0i, x1r), Mul(x0r, x1i))};
+        const T keep = Min(Add(Splat(kNoiseKeepAbsent, zero), Mul(Splat(kNoiseKeepRange, zero), p)),
+                           Splat(warm_up, zero));
+        const T take = Sub(one, keep);
+        T n[4];
+        for (int32_t i = 0; i < 4; ++i) {
+            n[i] = Add(Mul(keep, Load(e.noise_covariance[i] + k, zero)), Mul(take, inst[i]));
+            if (i < 2) n[i] = Max(n[i], tiny);
+            Store(e.noise_covariance[i] + k, n[i]);
+        }
+
+        // Transfer function from the talker-weighted, noise-subtracted statistics.
+        const T weight = Mul(Splat(1.0f - kTransferKeep, zero), Mul(p, p));
+        const T transfer_keep = Splat(kTransferKeep, zero);
+        const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
+        const T ti = Add(Mul(transfer_keep, Load(e.transfer[1] + k, zero)), Mul(weight, Sub(n[3], inst[3])));
+        const T td = Add(Mul(transfer_keep, Load(e.transfer[2] + k, zero)), Mul(weight, Sub(inst[0], n[0])));
+        Store(e.transfer[0] + k, tr);
+        Store(e.transfer[1] + k, ti);
+        Store(e.transfer[2] + k, td);
+        const auto known = Less(tiny, td);
+        const T safe_td = Max(td, tiny);
+        const T er = Div(tr, safe_td), ei = Div(ti, safe_td);
+        // Ratio to the steering: estimate times conj(d), blended towards 1.
+        T share = Clamp(Div(safe_td, Add(safe_td, n[0])), kShareLow, kShareHigh);
+        share = Select(known, share, Splat(0.0f, zero));
+        T rr = Add(one, Mul(share, Sub(Add(Mul(er, dr), Mul(ei, di)), one)));
+        T ri = Mul(share, Sub(Mul(ei, dr), Mul(er, di)));
+        BoundRatio(rr, ri);
+        const T hr = Sub(Mul(rr, dr), Mul(ri, di));
+        const T hi = Add(Mul(rr, di), Mul(ri, dr));
+
+        // MVDR with loading: w = R^-1 h / (h^H R^-1 h), h = [1, h1].
+        const T coherence = Div(Add(Mul(n[2], n[2]), Mul(n[3], n[3])), Max(Mul(n[0], n[1]), tiny));
+        const T g = Load(b.diffuse_sinc + k, zero);
+        const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
+        const T pointness = Clamp(Div(Sub(coherence, diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
+        const T factor = Add(Mul(Splat(kLoading, zero), Sub(one, pointness)), Splat(kLoadingPoint, zero));
+        const T loading = Add(Mul(Mul(factor, Splat(0.5f, zero)), Add(n[0], n[1])), tiny);
+        const T r00 = Add(n[0], loading), r11 = Add(n[1], loading);
+        const T u0r = Sub(r11, Sub(Mul(n[2], hr), Mul(n[3], hi)));
+        const T u0i = Sub(Splat(0.0f, zero), Add(Mul(n[2], hi), Mul(n[3], hr)));
+        const T u1r = Sub(Mul(r00, hr), n[2]);
+        const T u1i = Add(Mul(r00, hi), n[3]);
+        const T norm = Max(Add(u0r, Add(Mul(hr, u1r), Mul(hi, u1i))), tiny);
+        const T w0r = Div(u0r, norm), w0i = Div(u0i, norm);
+        const T w1r = Div(u1r, norm), w1i = Div(u1i, norm);
+
+        // Beam output w^H x and its noise power w^H Rn w.
+        const T yr = Add(Add(Mul(w0r, x0r), Mul(w0i, x0i)), Add(Mul(w1r, x1r), Mul(w1i, x1i)));
+        const T yi = Add(Sub(Mul(w0r, x0i), Mul(w0i, x0r)), Sub(Mul(w1r, x1i), Mul(w1i, x1r)));
+        const T qr = Add(Mul(w0r, n[2]), Mul(w0i, n[3]));
+        const T qi = Sub(Mul(w0r, n[3]), Mul(w0i, n[2]));
+        T noise = Add(Mul(Add(Mul(w0r, w0r), Mul(w0i, w0i)), n[0]),
+                      Mul(Add(Mul(w1r, w1r), Mul(w1i, w1i)), n[1]));
+        const T cross = Sub(Mul(qr, w1r), Mul(qi, w1i));
+        noise = Max(Add(noise, Add(cross, cross)), tiny);
+
+        // Decision-directed Wiener gain with a floor.
+        const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
+        const T prior = Add(Mul(Splat(kDecisionDirected, zero), Load(e.prior_snr_memory + k, zero)),
+                            Mul(Splat(1.0f - kDecisionDirected, zero), Max(Sub(gamma, one), Splat(0.0f, zero))));
+        const T gain = Max(Div(prior, Add(one, prior)), Splat(kGainFloor, zero));
+        Store(e.prior_snr_memory + k, Mul(Mul(gain, gain), gamma));
+        StoreComplex(spectrum + 2 * k, Mul(gain, yr), Mul(gain, yi));
+    });
+    if (e.blocks < kBlockCountLimit) ++e.blocks;
+}
