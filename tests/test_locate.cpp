@@ -21,18 +21,20 @@ constexpr double kPi = 3.141592653589793;
 
 // A source of sinusoids between 300 Hz and 3.4 kHz from `degrees` (positive
 // towards microphone 0, which hears it earlier), delayed exactly per
-// microphone; `bursts` switches it on for 0.3 s in every 0.5 s.
+// microphone; `bursts` switches it on for 0.3 s in every 0.5 s after the
+// first 0.5 s, over a faint noise floor.
 void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool bursts, uint32_t rate,
                double spacing_m, uint32_t seed) {
     std::mt19937 random(seed);
-    std::uniform_real_distribution<double> frequency(300.0, 3400.0), phase(0.0, 2.0 * kPi);
+    std::uniform_real_distribution<double> frequency(300.0, 3400.0), phase(0.0, 2.0 * kPi), floor(-4.0, 4.0);
     const double lead = spacing_m * std::sin(degrees * kPi / 180.0) / kSpeed / 2.0;
     const size_t frames = pcm.size() / 2;
+    for (double &sample : pcm) sample += floor(random);
     for (int tone = 0; tone < 40; ++tone) {
         const double f = frequency(random), p = phase(random);
         for (size_t n = 0; n < frames; ++n) {
             const double t = static_cast<double>(n) / rate;
-            if (bursts && std::fmod(t, 0.5) > 0.3) continue;
+            if (bursts && (t < 0.5 || std::fmod(t, 0.5) > 0.3)) continue;
             pcm[2 * n] += amplitude * std::sin(2.0 * kPi * f * (t + lead) + p);
             pcm[2 * n + 1] += amplitude * std::sin(2.0 * kPi * f * (t - lead) + p);
         }
