@@ -58,11 +58,9 @@ struct BfLocateState {
     BF_ALIGN float noise_power[kivbf::kLocateMaxBins];
     BF_ALIGN float noise_cross_re[kivbf::kLocateMaxBins];
     BF_ALIGN float noise_cross_im[kivbf::kLocateMaxBins];
-    // Scratch: the block's cross-spectrum, less the noise's, as a unit phasor,
-    // and the bin's weight as evidence.
-    BF_ALIGN float evidence_re[kivbf::kLocateMaxBins];
-    BF_ALIGN float evidence_im[kivbf::kLocateMaxBins];
-    BF_ALIGN float evidence_weight[kivbf::kLocateMaxBins];
+    BF_ALIGN float cross_re[kivbf::kLocateMaxBins];   // smoothed cross-spectrum X0 X1*
+    BF_ALIGN float cross_im[kivbf::kLocateMaxBins];
+    BF_ALIGN float diffuse[kivbf::kLocateMaxBins];    // a diffuse field's coherence, sinc(2 pi f axis / c)
     float direction;            // degrees, -90..90
     float confidence;           // 0..1; 0 until a first estimate
 };

@@ -1,6 +1,7 @@
 // Direction finder: steered response power with phase-transform weighting on
-// the block's spectra, with the noise's own cross-spectrum taken out and bins
-// weighed by how far they rise above the noise, tracked over blocks.
+// the block's spectra, with the noise's own cross-spectrum and a diffuse
+// field's taken out and bins weighed by how far they rise above the noise,
+// tracked over blocks.
 //
 // For a source at angle a (positive towards microphone 0) microphone 0 hears
 // it axis * sin(a) / c seconds earlier, so the cross-spectrum X0 X1* turns by
@@ -22,16 +23,18 @@ namespace {
 constexpr double kTwoPiExact = 6.283185307179586;
 constexpr double kDegreesPerRadian = 57.29577951308232;
 constexpr float kLowestFrequency = 300.0f;  // Hz; below it a 5 cm pair sees almost no phase
-constexpr float kPowerSmoothing = 0.5f;     // share of the block in the smoothed power
+constexpr float kPowerSmoothing = 0.3f;     // share of the block in the smoothed power
 constexpr float kNoiseRatio = 2.5f;         // power / noise below this: the bin holds noise
 constexpr float kNoiseLearning = 0.05f;     // share of a noise block in the noise estimates
 constexpr float kNoiseFall = 0.3f;          // how fast the noise power follows a lower power
 constexpr float kNoiseFallRatio = 0.3f;    // power / noise below this: the noise has fallen
 constexpr float kNoiseRise = 1.002f;        // per block above the noise: follows rising noise
-constexpr float kPresenceRatio = 4.0f;      // power / noise from which a bin is evidence
+constexpr float kPresenceRatio = 8.0f;      // power / noise from which a bin is evidence
 constexpr float kMaxBinWeight = 12.0f;      // one loud bin counts at most this much
 constexpr float kOnsetBase = 1.0f;          // power / previous smoothed power below it: no weight
 constexpr float kMaxOnset = 3.0f;
+constexpr float kCrossSmoothing = 0.3f;     // share of the block in the smoothed cross-spectrum
+constexpr float kDiffuseTilt = 0.5f;        // bins lose this share of the diffuse coherence's weight
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
 constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
@@ -53,11 +56,20 @@ inline float32x4_t Load(const float *p, float32x4_t) { return vld1q_f32(p); }
 inline void Store(float *p, float v) { *p = v; }
 inline void Store(float *p, float32x4_t v) { vst1q_f32(p, v); }
 
-// One bin (or four): the noise trackers, then the bin's evidence, its
-// cross-spectrum less the noise's, scaled to the bin's weight. Returns the
-// weight.
+// The block's evidence per bin of the band: the direct sound's phasor and
+// the bin's weight. It lives for one block, on the stack.
+struct Evidence {
+    BF_ALIGN float re[kLocateMaxBins];
+    BF_ALIGN float im[kLocateMaxBins];
+    BF_ALIGN float weight[kLocateMaxBins];
+};
+
+// One bin (or four): the noise trackers, then the bin's evidence: the
+// direct sound's phasor from the cross-spectrum less the noise's and the
+// reverberation's, and its weight. Returns the weight before the tilt
+// against low bins, for the block's presence test.
 template <typename V>
-V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V re0, V im0, V re1,
+V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float noise_ratio, V re0, V im0, V re1,
               V im1) {
     const V power = Mul(Splat(0.5f, re0), Add(Add(Mul(re0, re0), Mul(im0, im0)),
                                                 Add(Mul(re1, re1), Mul(im1, im1))));
@@ -77,10 +89,18 @@ V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V 
     const auto noise_like = Less(ratio, Splat(noise_ratio, re0));
     const V learnt = Add(noise, Mul(Splat(learning, re0), Sub(smoothed, noise)));
     const V fallen = Add(noise, Mul(Splat(kNoiseFall, re0), Sub(smoothed, noise)));
-    V next_noise = Select(noise_like, learnt, Mul(noise, Splat(kNoiseRise, re0)));
-    next_noise = Select(Less(ratio, Splat(kNoiseFallRatio, re0)), fallen, next_noise);
-    noise_re = Select(noise_like, Add(noise_re, Mul(Splat(learning, re0), Sub(cross_re, noise_re))), noise_re);
-    noise_im = Select(noise_like, Add(noise_im, Mul(Splat(learning, re0), Sub(cross_im, noise_im))), noise_im);
+    // The noise's cross-spectrum moves with its power, so that what is taken
+    // out of the cross-spectrum matches what is taken out of the power.
+    const V smooth_re = Add(Load(l.cross_re + i, re0), Mul(Splat(kCrossSmoothing, re0), Sub(cross_re, Load(l.cross_re + i, re0))));
+    const V smooth_im = Add(Load(l.cross_im + i, re0), Mul(Splat(kCrossSmoothing, re0), Sub(cross_im, Load(l.cross_im + i, re0))));
+    const auto has_fallen = Less(ratio, Splat(kNoiseFallRatio, re0));
+    const V rise = Splat(kNoiseRise, re0);
+    V next_noise = Select(noise_like, learnt, Mul(noise, rise));
+    next_noise = Select(has_fallen, fallen, next_noise);
+    V next_re = Select(noise_like, Add(noise_re, Mul(Splat(learning, re0), Sub(cross_re, noise_re))), Mul(noise_re, rise));
+    V next_im = Select(noise_like, Add(noise_im, Mul(Splat(learning, re0), Sub(cross_im, noise_im))), Mul(noise_im, rise));
+    noise_re = Select(has_fallen, Add(noise_re, Mul(Splat(kNoiseFall, re0), Sub(smooth_re, noise_re))), next_re);
+    noise_im = Select(has_fallen, Add(noise_im, Mul(Splat(kNoiseFall, re0), Sub(smooth_im, noise_im))), next_im);
     Store(l.power + i, smoothed);
     Store(l.noise_power + i, next_noise);
     Store(l.noise_cross_re + i, noise_re);
@@ -94,13 +114,29 @@ V BinEvidence(BfLocateState &l, int32_t i, float learning, float noise_ratio, V 
     const V weight = Mul(Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
                              Splat(kMaxBinWeight, re0)),
                          onset);
-    const V z_re = Sub(cross_re, noise_re);
-    const V z_im = Sub(cross_im, noise_im);
+    // Reverberation is taken for a diffuse field, whose cross-spectrum is
+    // real, G = sinc(2 pi f axis / c) times its power: left alone it pulls
+    // every bin towards broadside. With P the talker's power (smoothed, noise
+    // removed) and Z its smoothed cross-spectrum, Z = D u + G (P - D) for the
+    // direct sound's power D and phasor u. With R + jI = Z - G P, |u| = 1
+    // gives (1 - G^2) D^2 - 2 G R D - (R^2 + I^2) = 0, and u points along
+    // ((1 - G^2) R + G (G R + root), (1 - G^2) I), root the quadratic's.
+    Store(l.cross_re + i, smooth_re);
+    Store(l.cross_im + i, smooth_im);
+    const V talker_power = Max(Sub(smoothed, noise), Splat(kPowerFloor, re0));
+    const V g = Load(l.diffuse + i, re0);
+    const V spare = Sub(Splat(1.0f, re0), Mul(g, g));
+    const V r = Sub(Sub(smooth_re, noise_re), Mul(g, talker_power));
+    const V q = Mul(g, r);
+    const V s_im = Sub(smooth_im, noise_im);
+    const V root = Root(Add(Mul(q, q), Mul(spare, Add(Mul(r, r), Mul(s_im, s_im)))));
+    const V z_re = Add(Mul(spare, r), Mul(g, Add(q, root)));
+    const V z_im = Mul(spare, s_im);
     const V magnitude = Root(Add(Add(Mul(z_re, z_re), Mul(z_im, z_im)), Splat(kPowerFloor, re0)));
     const V scale = Div(Splat(1.0f, re0), magnitude);
-    Store(l.evidence_re + i, Mul(z_re, scale));
-    Store(l.evidence_im + i, Mul(z_im, scale));
-    Store(l.evidence_weight + i, weight);
+    Store(e.re + i, Mul(z_re, scale));
+    Store(e.im + i, Mul(z_im, scale));
+    Store(e.weight + i, Mul(weight, Sub(Splat(1.0f, re0), Mul(Splat(kDiffuseTilt, re0), g))));
     return weight;
 }
 
@@ -147,6 +183,10 @@ void Build(BfCoreState &s) {
         l.advance_re[g] = static_cast<float>(math::Cos(advance));
         l.advance_im[g] = static_cast<float>(math::Sin(advance));
     }
+    for (int32_t i = 0; i < l.bin_count; ++i) {
+        const double x = kTwoPiExact * std::fabs(static_cast<double>(axis)) * bin_width * (first + i) / s.speed_of_sound;
+        l.diffuse[i] = static_cast<float>(math::Sin(x) / x);
+    }
 }
 
 bool NeedsBuild(const BfCoreState &s) {
@@ -157,7 +197,7 @@ bool NeedsBuild(const BfCoreState &s) {
 }
 
 // The block's evidence over the band; returns the summed bin weights.
-float GatherEvidence(BfCoreState &s) {
+float GatherEvidence(BfCoreState &s, Evidence &evidence) {
     BfLocateState &l = s.locate;
     const float *x0 = s.mic_spectrum[0] + 2 * l.first_bin;
     const float *x1 = s.mic_spectrum[1] + 2 * l.first_bin;
@@ -177,16 +217,19 @@ float GatherEvidence(BfCoreState &s) {
         [&](int32_t i) {
             const float32x4x2_t a = vld2q_f32(x0 + 2 * i);
             const float32x4x2_t b = vld2q_f32(x1 + 2 * i);
-            lane_weight = vaddq_f32(lane_weight, BinEvidence(l, i, learning, noise_ratio, a.val[0], a.val[1], b.val[0], b.val[1]));
+            lane_weight = vaddq_f32(lane_weight, BinEvidence(l, evidence, i, learning, noise_ratio, a.val[0], a.val[1], b.val[0], b.val[1]));
         },
         [&](int32_t i) {
-            tail_weight += BinEvidence(l, i, learning, noise_ratio, x0[2 * i], x0[2 * i + 1], x1[2 * i], x1[2 * i + 1]);
+            tail_weight += BinEvidence(l, evidence, i, learning, noise_ratio, x0[2 * i], x0[2 * i + 1], x1[2 * i], x1[2 * i + 1]);
         });
     return LaneSum(lane_weight) + tail_weight;
 }
 
-// Adds the block's steered response at every candidate to the tracked map.
-void AccumulateMap(BfLocateState &l) {
+// Adds the block's steered response at every candidate to the tracked map;
+// returns the evidence it added.
+float AccumulateMap(BfLocateState &l, const Evidence &e) {
+    float added = 0.0f;
+    for (int32_t i = 0; i < l.bin_count; ++i) added += e.weight[i];
     const float32x4_t memory = vdupq_n_f32(kMapMemory);
     const float32x4_t half = vdupq_n_f32(0.5f);
     for (int32_t g = 0; g < kLocateGrid; g += lanes::kLanes) {
@@ -196,8 +239,8 @@ void AccumulateMap(BfLocateState &l) {
         const float32x4_t step_im = vld1q_f32(l.advance_im + g);
         float32x4_t response = vdupq_n_f32(0.0f);
         for (int32_t i = 0; i < l.bin_count; ++i) {
-            const float32x4_t e_re = vdupq_n_f32(l.evidence_re[i]);
-            const float32x4_t e_im = vdupq_n_f32(l.evidence_im[i]);
+            const float32x4_t e_re = vdupq_n_f32(e.re[i]);
+            const float32x4_t e_im = vdupq_n_f32(e.im[i]);
             // (1 + cos(phase error)) / 2 to the 8th: a lobe about 0.6 rad
             // wide in phase instead of the plain cosine's 2 rad, so that two
             // sources 60 degrees apart give two peaks, not one between them.
@@ -207,13 +250,14 @@ void AccumulateMap(BfLocateState &l) {
             lobe = vmulq_f32(lobe, lobe);
             lobe = vmulq_f32(lobe, lobe);
             lobe = vmulq_f32(lobe, lobe);
-            response = vaddq_f32(response, vmulq_f32(vdupq_n_f32(l.evidence_weight[i]), lobe));
+            response = vaddq_f32(response, vmulq_f32(vdupq_n_f32(e.weight[i]), lobe));
             const float32x4_t next_re = vsubq_f32(vmulq_f32(re, step_re), vmulq_f32(im, step_im));
             im = vaddq_f32(vmulq_f32(re, step_im), vmulq_f32(im, step_re));
             re = next_re;
         }
         vst1q_f32(l.map + g, vaddq_f32(vmulq_f32(vld1q_f32(l.map + g), memory), response));
     }
+    return added;
 }
 
 // The map's peak inside the window, refined between candidates, as a sine.
@@ -258,12 +302,12 @@ bool Bf_LocateEnabled(const BfCoreState &s) {
 void Bf_Locate(BfCoreState &s) {
     if (NeedsBuild(s)) Build(s);
     BfLocateState &l = s.locate;
-    const float block_weight = GatherEvidence(s);
+    Evidence evidence;
+    const float block_weight = GatherEvidence(s, evidence);
     // Silence, steady noise and diffuse noise rise above nothing: the map and
     // the estimate stay as they were.
     if (block_weight < kBlockPresence * static_cast<float>(l.bin_count)) return;
-    AccumulateMap(l);
-    l.map_weight = l.map_weight * kMapMemory + block_weight;
+    l.map_weight = l.map_weight * kMapMemory + AccumulateMap(l, evidence);
 
     int32_t peak = 0;
     const float sine = PeakSine(l, peak);
