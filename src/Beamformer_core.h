@@ -19,6 +19,9 @@ namespace kivbf {
 inline constexpr int32_t kHistoryBlocks = 5;   // blocks averaged by the coherence stages
 inline constexpr int32_t kSmoothTaps = 22;     // post-filter smoothing kernel
 inline constexpr int32_t kPadLength = kBins + 2 * (kSmoothTaps - 1);  // 171
+inline constexpr float kPcmScale = 32768.0f;     // 16-bit PCM per unit of the internal full scale
+inline constexpr float kSpectrumScale = 256.0f;  // spectra are measured at 256 times their scale
+inline constexpr float kSpectrumPowerScale = kSpectrumScale * kSpectrumScale;  // their power: 65536
 }  // namespace kivbf
 
 #define BF_ALIGN alignas(16)

@@ -17,7 +17,6 @@ using namespace kivbf::lanes;
 
 namespace {
 
-constexpr float kSnapshotScale = 256.0f;
 constexpr uint16_t kRunningMeanUpdates = 13;  // plain mean over the first 13 snapshots
 constexpr uint16_t kLastRunningMean = kRunningMeanUpdates - 1;
 constexpr float kSlowForgetting = 1.0f / 12.0f;  // after the running mean
@@ -33,32 +32,6 @@ constexpr int32_t kLaneBins = 0;
 constexpr int32_t kLaneBins = LaneCount(kBins);
 #endif
 
-// Four floats, one per lane, with the element-wise IEEE operations that the
-// matrix templates use.
-struct Float4 {
-    float32x4_t v;
-    Float4() = default;
-    explicit Float4(float32x4_t lanes) : v(lanes) {}
-    explicit Float4(float value) : v(vdupq_n_f32(value)) {}
-};
-
-Float4 operator+(Float4 a, Float4 b) { return Float4(vaddq_f32(a.v, b.v)); }
-Float4 operator-(Float4 a, Float4 b) { return Float4(vsubq_f32(a.v, b.v)); }
-Float4 operator*(Float4 a, Float4 b) { return Float4(vmulq_f32(a.v, b.v)); }
-Float4 operator-(Float4 a) {  // flips the sign bit, as scalar negation does
-    return Float4(vreinterpretq_f32_u32(
-        veorq_u32(vreinterpretq_u32_f32(a.v), vdupq_n_u32(0x80000000u))));
-}
-
-Float4 Quotient(Float4 a, Float4 b) { return Float4(ExactQuotient(a.v, b.v)); }
-
-Float4 ReplaceZero(Float4 x, float replacement) {
-    return Float4(vbslq_f32(vceqq_f32(x.v, vdupq_n_f32(0.0f)), vdupq_n_f32(replacement), x.v));
-}
-
-using ::Quotient;  // the float versions, which the two above would hide here
-using ::ReplaceZero;
-
 // Microphone m's entry of the snapshot of bin k, weighted by the microphone's
 // noise share (1 - G) unless the microphones are calibrated, where the weight
 // is applied later.
@@ -67,10 +40,10 @@ void SnapshotEntry(const BfCoreState &s, int32_t m, int32_t k, bool calibrated, 
     const float re = s.mic_spectrum[m][2 * k];
     const float im = s.mic_spectrum[m][2 * k + 1];
     if (calibrated) {
-        re_out = kSnapshotScale * re;
-        im_out = kSnapshotScale * im;
+        re_out = kSpectrumScale * re;
+        im_out = kSpectrumScale * im;
     } else {
-        const double weight = static_cast<double>(1.0f - s.wiener_gain[m][k]) * kSnapshotScale;
+        const double weight = static_cast<double>(1.0f - s.wiener_gain[m][k]) * kSpectrumScale;
         re_out = static_cast<float>(weight * re);
         im_out = static_cast<float>(weight * im);
     }
@@ -124,8 +97,8 @@ inline Weights<T> MvdrWeights(const Cmat2Parts<T> &phi, T loading, T c0, T s0, T
     const T u_im[kMics] = {inv_col.im.a00, inv_col.im.a10};
     Weights<T> w;
     for (int32_t m = 0; m < kMics; ++m) {
-        w.re[m] = Quotient(u_re[m] * s_re + u_im[m] * s_im, magnitude);
-        w.im[m] = Quotient(u_re[m] * s_im - u_im[m] * s_re, magnitude);
+        w.re[m] = ExactQuotient(u_re[m] * s_re + u_im[m] * s_im, magnitude);
+        w.im[m] = ExactQuotient(u_re[m] * s_im - u_im[m] * s_re, magnitude);
     }
     return w;
 }
@@ -259,10 +232,10 @@ void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAve
 // float is the float product: the lanes multiply in float.
 float32x4x2_t SnapshotLanes(const BfCoreState &s, int32_t m, int32_t k, bool calibrated) {
     float32x4x2_t x = vld2q_f32(s.mic_spectrum[m] + 2 * k);
-    float32x4_t weight = vdupq_n_f32(kSnapshotScale);
+    float32x4_t weight = vdupq_n_f32(kSpectrumScale);
     if (!calibrated) {
         const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[m] + k));
-        weight = vmulq_n_f32(noise_share, kSnapshotScale);
+        weight = vmulq_n_f32(noise_share, kSpectrumScale);
     }
     x.val[0] = vmulq_f32(weight, x.val[0]);
     x.val[1] = vmulq_f32(weight, x.val[1]);
