@@ -104,10 +104,8 @@ uint32_t PlaceArbitrary(BfCoreState &s, const float *array_pos) {
 extern "C" {
 
 uint32_t KivBf_SetShape(AudioBfHandle handle, uint32_t array_geometry) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetShape] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetShape] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     if (uint32_t status = CheckShapeIsSettable(s, "SetShape"); status != KIVBF_OK) return status;
     // A shape already in force stays usable if this call fails.
@@ -137,15 +135,10 @@ uint32_t KivBf_SetShape(AudioBfHandle handle, uint32_t array_geometry) {
 }
 
 uint32_t KivBf_SetArbitraryShape(AudioBfHandle handle, const float *array_pos) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetArbitraryShape] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetArbitraryShape] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (array_pos == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [SetArbitraryShape] Fail! The array_pos is NULL!!\r\n");
+    if (Bf_IsNull(array_pos, "[%s] %s[BF] [SetArbitraryShape] Fail! The array_pos is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     if (uint32_t status = CheckShapeIsSettable(s, "SetArbitraryShape"); status != KIVBF_OK)
         return status;
@@ -174,15 +167,10 @@ uint32_t KivBf_SetArbitraryShape(AudioBfHandle handle, const float *array_pos) {
 }
 
 uint32_t KivBf_GetArrayPosition(AudioBfHandle handle, float *array_pos) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [GetArrayPosition] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [GetArrayPosition] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (array_pos == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [GetArrayPosition] Fail! The array_pos is NULL!!\r\n");
+    if (Bf_IsNull(array_pos, "[%s] %s[BF] [GetArrayPosition] Fail! The array_pos is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
     const BfCoreState &s = *Bf_StateOf(handle);
     if (uint32_t status = Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG, "GetArrayPosition");
         status != KIVBF_OK)

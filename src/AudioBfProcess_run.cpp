@@ -90,20 +90,15 @@ bool IsNoiseBlock(const BfCoreState &s) {
 
 extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_t *output,
                               const float *direction) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The handle is NULL\t\n");
+    if (Bf_IsNull(handle, "[%s] %s [BF] [Run] Fail! The handle is NULL\t\n"))
         return KIVBF_ERR_HANDLE;
-    }
     if (input == nullptr || output == nullptr || direction == nullptr) {
         DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The input pointer is NULL\t\n");
         return KIVBF_ERR_NULL_POINTER;
     }
     BfCoreState &s = *Bf_StateOf(handle);
     s.run_flag = 0;
-    uint32_t status =
-        Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "Run");
-    if (status != KIVBF_OK) return status;
-    status = Bf_HandleCheck(s, s.debug_level, "Run");
+    uint32_t status = Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "Run");
     if (status != KIVBF_OK) return status;
     status = Bf_DumpFollowEnvironment(s);
     if (status != KIVBF_OK) return status;
