@@ -115,7 +115,7 @@ uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
         s.pf_mix = kPfMix;
         s.intensity_scale = preset.scale;
         s.intensity_floor = preset.floor;
-        s.intensity_limit = preset.limit;
+        s.direction_slope = preset.limit;
     }
     if (s.mode == static_cast<int32_t>(KIVBF_MODE_POSTFILTER_NO_BAND)) {
         DML_PRINT(

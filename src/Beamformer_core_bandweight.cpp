@@ -63,9 +63,9 @@ void Bf_BandWeighting(BfCoreState &s) {
     const float wide_sum = AddScores(low_sum, s.direction_score, kLowScoreFirst + kLowScoreCount,
                                      kWideScoreCount - kLowScoreCount);
     s.band_weight_low = SmoothBandWeight(s.band_weight_low, low_sum, kLowScoreCount,
-                                         s.mode3_scale, s.intensity_limit);
+                                         s.mode3_scale, s.direction_slope);
     s.band_weight_wide = SmoothBandWeight(s.band_weight_wide, wide_sum, kWideScoreCount,
-                                          s.mode3_scale, s.intensity_limit);
+                                          s.mode3_scale, s.direction_slope);
     const double geometric_mean = std::sqrt(static_cast<double>(s.band_weight_low) *
                                             static_cast<double>(s.band_weight_wide));
     s.band_weight_mid =

@@ -87,15 +87,15 @@ void DirectionScoreBins(BfCoreState &s, int32_t k) {
 }
 
 // The exponent of the logistic weight, and the weight once exponentiated:
-// weight = 1 / (1 + mode3_scale x exp(intensity_limit x (score - 1))).
+// weight = 1 / (1 + mode3_scale x exp(direction_slope x (score - 1))).
 template <typename T>
 void DirectionExponent(const BfCoreState &s, int32_t k, float *work) {
-    Store(work, k, (Load<T>(s.direction_score, k) + T(-1.0f)) * T(s.intensity_limit));
+    Store(work, k, (Load<T>(s.direction_score, k) + T(-1.0f)) * T(s.direction_slope));
 }
 
 template <typename T>
 void DirectionWeightBins(BfCoreState &s, int32_t k, const float *work) {
-    const T unit = Load<T>(s.unit_vector, k);
+    const T unit = Load<T>(s.ones, k);
     Store(s.direction_weight, k, Quotient(unit, Load<T>(work, k) * T(s.mode3_scale) + unit));
 }
 

@@ -65,7 +65,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
     const int32_t m = pass.m;
     const T power = Load<T>(s.ne_power, k);
     const T gamma = Load<T>(s.ne_posterior_snr, k);
-    const T unit = Load<T>(s.unit_vector, k);
+    const T unit = Load<T>(s.ones, k);
     const T one(1.0f);
 
     T noise = power;

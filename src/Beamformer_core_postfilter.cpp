@@ -20,19 +20,17 @@ using namespace kivbf::lanes;
 namespace {
 
 // Smoothing window: symmetric about tap 10, taps sum to 1, last tap 0.
-constexpr float bconv22[kSmoothTaps] = {
+constexpr float kSmoothingTaps[kSmoothTaps] = {
     0.0018f, 0.0072f, 0.0157f, 0.0266f, 0.039f,  0.0519f, 0.0643f, 0.0752f,
     0.0837f, 0.0891f, 0.091f,  0.0891f, 0.0837f, 0.0752f, 0.0643f, 0.0519f,
     0.039f,  0.0266f, 0.0157f, 0.0072f, 0.0018f, 0.0f};
-constexpr const float *smooth_window = bconv22;
 
 constexpr int32_t kEdgeBins = 11;
 // Entry i: sum of the taps that land on existing bins when bin i (or 128 - i)
 // is smoothed.
-constexpr float bconv_nor[kEdgeBins] = {0.5455f, 0.6346f, 0.7183f, 0.7935f,
+constexpr float kEdgeTapSums[kEdgeBins] = {0.5455f, 0.6346f, 0.7183f, 0.7935f,
                                         0.8578f, 0.9097f, 0.9487f, 0.9753f,
                                         0.991f,  0.9982f, 1.0f};
-constexpr const float *nor_smooth_window = bconv_nor;
 
 constexpr int32_t kPadZeros = kSmoothTaps - 1;  // 21 on each side
 constexpr int32_t kCentreOffset = 11;           // padded[k + 11 ..] is centred on bin k
@@ -44,7 +42,7 @@ constexpr int32_t kGroupedTaps = kTapGroups * kLanes;
 // One smoothed value: x[0..21] against the taps, summed as vec_dot sums: the
 // products of lane q group by group, the four lane sums as (l0 + l2) +
 // (l1 + l3), then the two remaining products in order.
-float SmoothedValue(const float *x) { return vec_dot(x, smooth_window, kSmoothTaps); }
+float SmoothedValue(const float *x) { return vec_dot(x, kSmoothingTaps, kSmoothTaps); }
 
 // Each tap repeated over four lanes.
 struct TapLanes {
@@ -54,7 +52,7 @@ struct TapLanes {
 constexpr TapLanes MakeTapLanes() {
     TapLanes lanes{};
     for (int32_t i = 0; i < kSmoothTaps; ++i)
-        for (int32_t r = 0; r < kLanes; ++r) lanes.tap[i][r] = bconv22[i];
+        for (int32_t r = 0; r < kLanes; ++r) lanes.tap[i][r] = kSmoothingTaps[i];
     return lanes;
 }
 
@@ -81,7 +79,7 @@ void FourSmoothedValues(const float *x, float *out) {
     vst1q_f32(out, vaddq_f32(vaddq_f32(sum0, sum2), vaddq_f32(sum1, sum3)));
     for (int32_t r = 0; r < kLanes; ++r) {
         float sum = out[r];
-        for (int32_t i = kGroupedTaps; i < kSmoothTaps; ++i) sum += x[r + i] * smooth_window[i];
+        for (int32_t i = kGroupedTaps; i < kSmoothTaps; ++i) sum += x[r + i] * kSmoothingTaps[i];
         out[r] = sum;
     }
 }
@@ -139,8 +137,8 @@ void Bf_PostFilterGain(BfCoreState &s) {
         [&](int32_t k) { s.pf_gain[k] = SmoothedValue(window_start + k); });
 
     for (int32_t i = 0; i < kEdgeBins; ++i) {
-        s.pf_gain[i] /= nor_smooth_window[i];
-        s.pf_gain[kBins - 1 - i] /= nor_smooth_window[i];
+        s.pf_gain[i] /= kEdgeTapSums[i];
+        s.pf_gain[kBins - 1 - i] /= kEdgeTapSums[i];
     }
 }
 
@@ -149,5 +147,5 @@ void Bf_PostFilterApply(BfCoreState &s) {
 }
 
 void Bf_PostFilterMix(BfCoreState &s) {
-    vec_mix(s.speech_presence, s.pf_gain, s.pf_mix, s.pf_gain, kBins);
+    vec_mix(s.unity_gain, s.pf_gain, s.pf_mix, s.pf_gain, kBins);
 }
