@@ -35,7 +35,6 @@ using kivbf_scene::kHop;
 constexpr int kSamples = kBlocks * kHop;
 constexpr double kMinShareWithinOneLsb = 0.999;
 constexpr int kMaxDifference = 4;
-constexpr char kMagic[4] = {'K', 'B', 'X', 'R'};
 
 // 16 kHz, 5 cm linear array: the talker in two bursts, the interferer from
 // the end-fire side. The level gate (default -20 dBFS) sees the talker blocks
@@ -71,35 +70,33 @@ std::vector<int16_t> RunMode(const std::vector<int16_t> &scene, uint32_t mode) {
     return output;
 }
 
-struct Reference {
-    uint32_t scene_hash = 0;
-    std::vector<int16_t> samples;  // kModes runs of kSamples
+// The file: "KBXR", modes, blocks and the scene's hash as little-endian
+// uint32, then every mode's output in turn.
+struct Header {
+    char magic[4] = {'K', 'B', 'X', 'R'};
+    uint32_t modes = kModes, blocks = kBlocks, scene_hash = 0;
 };
 
-bool ReadReference(const std::string &path, Reference &reference) {
+bool ReadReference(const std::string &path, uint32_t &scene_hash, std::vector<int16_t> &samples) {
     FILE *file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) return false;
-    char magic[4];
-    uint32_t modes = 0, blocks = 0;
-    reference.samples.resize(static_cast<size_t>(kModes) * kSamples);
-    const bool ok = std::fread(magic, 1, 4, file) == 4 && std::memcmp(magic, kMagic, 4) == 0 &&
-                    std::fread(&modes, 4, 1, file) == 1 && modes == kModes &&
-                    std::fread(&blocks, 4, 1, file) == 1 && blocks == kBlocks &&
-                    std::fread(&reference.scene_hash, 4, 1, file) == 1 &&
-                    std::fread(reference.samples.data(), 2, reference.samples.size(), file) ==
-                        reference.samples.size();
+    Header header, expected;
+    samples.resize(static_cast<size_t>(kModes) * kSamples);
+    const bool ok = std::fread(&header, sizeof header, 1, file) == 1 &&
+                    std::memcmp(header.magic, expected.magic, 4) == 0 && header.modes == kModes &&
+                    header.blocks == kBlocks &&
+                    std::fread(samples.data(), 2, samples.size(), file) == samples.size();
     std::fclose(file);
+    scene_hash = header.scene_hash;
     return ok;
 }
 
-bool WriteReference(const std::string &path, uint32_t scene_hash,
-                    const std::vector<int16_t> &samples) {
+bool WriteReference(const std::string &path, uint32_t scene_hash, const std::vector<int16_t> &samples) {
     FILE *file = std::fopen(path.c_str(), "wb");
     if (file == nullptr) return false;
-    const uint32_t modes = kModes, blocks = kBlocks;
-    const bool ok = std::fwrite(kMagic, 1, 4, file) == 4 && std::fwrite(&modes, 4, 1, file) == 1 &&
-                    std::fwrite(&blocks, 4, 1, file) == 1 &&
-                    std::fwrite(&scene_hash, 4, 1, file) == 1 &&
+    Header header;
+    header.scene_hash = scene_hash;
+    const bool ok = std::fwrite(&header, sizeof header, 1, file) == 1 &&
                     std::fwrite(samples.data(), 2, samples.size(), file) == samples.size();
     return std::fclose(file) == 0 && ok;
 }
@@ -129,11 +126,12 @@ TEST(CrossArch, EveryModeAgreesWithTheRecordedOutput) {
         return;
     }
 
-    Reference reference;
-    ASSERT_TRUE(ReadReference(ReferencePath(), reference))
+    uint32_t scene_hash = 0;
+    std::vector<int16_t> recorded;
+    ASSERT_TRUE(ReadReference(ReferencePath(), scene_hash, recorded))
         << ReferencePath() << " is missing or not a reference for " << kModes << " modes x "
         << kBlocks << " blocks; record it as the comment at the top of this file says";
-    ASSERT_EQ(reference.scene_hash, kivbf_scene::Fnv1a<uint32_t>(scene))
+    ASSERT_EQ(scene_hash, kivbf_scene::Fnv1a<uint32_t>(scene))
         << "the scene changed since the reference was recorded";
 
     // Microphone 0's talker-plus-noise energy, a yardstick for "carries the scene".
@@ -143,7 +141,7 @@ TEST(CrossArch, EveryModeAgreesWithTheRecordedOutput) {
 
     for (uint32_t mode = 0; mode < kModes; ++mode) {
         SCOPED_TRACE("mode " + std::to_string(mode));
-        const int16_t *expected = &reference.samples[static_cast<size_t>(mode) * kSamples];
+        const int16_t *expected = &recorded[static_cast<size_t>(mode) * kSamples];
         const int16_t *actual = &outputs[static_cast<size_t>(mode) * kSamples];
         // Mode 4 runs on the post-filter gain it starts with, which all but
         // mutes it; the others must pass the scene.
