@@ -24,7 +24,7 @@ SLIPS = [
      "float32x4_t result = vaddq_f32(root, vmulq_f32(residual, half_inv_root));",
      "float32x4_t result = root; (void)residual; (void)half_inv_root;"),
     ("swapped channel in the noise snapshot", "src/Beamformer_core_mvdr.cpp",
-     "SnapshotLanes(s, 1, k, calibrated)", "SnapshotLanes(s, 0, k, calibrated)"),
+     "Snapshot<Float4>(s, 1, k, calibrated)", "Snapshot<Float4>(s, 0, k, calibrated)"),
     ("swapped channel in the canceller's reference", "src/Beamformer_core_beamsum.cpp",
      "LoadComplex<T>(s.mic_spectrum[1], k) + blocked", "LoadComplex<T>(s.mic_spectrum[0], k) + blocked"),
     ("noise smoothing constant changed", "src/Beamformer_core_noise.cpp",
