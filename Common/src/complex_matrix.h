@@ -3,9 +3,10 @@
 //
 // The arithmetic itself is inline on the split form (Cmat2Parts), written once
 // for either element type of vector_lanes.h (IEEE +, -, *, negation,
-// ExactQuotient and ReplaceZero): float, or Float4, four matrices side by side. A stage that keeps
-// its matrices in registers therefore performs exactly the operations of the
-// functions on 8-float arrays below, which split, call it and reassemble.
+// ExactQuotient and ReplaceZero): float, or Float4, four matrices side by
+// side. A stage that keeps its matrices in registers therefore performs
+// exactly the operations of the functions on 8-float arrays below, which
+// split, call it and reassemble.
 #pragma once
 
 #include <cstdint>
