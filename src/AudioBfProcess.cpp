@@ -198,6 +198,12 @@ uint32_t Bf_CheckReady(const BfCoreState &s, uint32_t needs, const char *name) {
     return Bf_HandleCheck(s, s.debug_level, name);
 }
 
+uint32_t Bf_OpenCall(AudioBfHandle handle, const char *null_message, uint32_t needs,
+                     const char *name) {
+    if (Bf_IsNull(handle, null_message)) return KIVBF_ERR_HANDLE;
+    return Bf_CheckReady(*Bf_StateOf(handle), needs, name);
+}
+
 extern "C" {
 
 uint32_t KivBf_GetBufferSize(void) {

@@ -89,12 +89,12 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
 }
 
 uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
-    if (Bf_IsNull(handle, "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n"))
-        return KIVBF_ERR_HANDLE;
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status = Bf_CheckReady(
-        s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
-    if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
     if (intensity < 0 || intensity > kMaxIntensity) {
@@ -184,12 +184,12 @@ uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band,
 }
 
 uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
-    if (Bf_IsNull(handle, "[%s] %s[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n"))
-        return KIVBF_ERR_HANDLE;
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetPfFlow");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status =
-        Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetPfFlow");
-    if (status != KIVBF_OK) return status;
 
     if (flow > kMaxPfFlow) {
         DML_PRINT(
@@ -203,12 +203,12 @@ uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
 }
 
 uint32_t KivBf_SetCalibration(AudioBfHandle handle, uint32_t calibration_flag) {
-    if (Bf_IsNull(handle, "[%s] %s[BF] [SetCalibration] Fail! The handle is NULL!!\r\n"))
-        return KIVBF_ERR_HANDLE;
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetCalibration] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status =
-        Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
-    if (status != KIVBF_OK) return status;
 
     if (calibration_flag != 0 && calibration_flag != 1) {
         DML_PRINT(s.debug_level, DML_ERR,

@@ -32,6 +32,10 @@ uint32_t Bf_CheckPrerequisites(const BfCoreState &s, uint32_t needs, const char 
 // naming `name`; the first failure's status, else KIVBF_OK.
 bool Bf_IsNull(const void *pointer, const char *message);
 uint32_t Bf_CheckReady(const BfCoreState &s, uint32_t needs, const char *name);
+// Both for a call with no other pointer to test: a null handle gives
+// KIVBF_ERR_HANDLE after `null_message`, else Bf_CheckReady's status.
+uint32_t Bf_OpenCall(AudioBfHandle handle, const char *null_message, uint32_t needs,
+                     const char *name);
 
 // PCM dump (AudioBfProcess_dump.cpp).
 // Init/Reset: reads AUDIO_BF_DUMP into dump_mode and, when it is not 0, checks
