@@ -78,6 +78,25 @@ TEST(NoiseEstimate, FirstBlockGainAndCalibratedSharedGain) {
     }
 }
 
+// With the post-filter, microphone 0's speech-to-noise ratio G^2 P / lambda
+// (where the noise dominates, else 1) times G divides exactly, in lanes too.
+TEST(NoiseEstimate, SpeechToNoiseRatioIsTheExactQuotient) {
+    auto s = FreshState();
+    s->mode = 3;
+    for (int block = 0; block < 4; ++block) {
+        FillSpectra(*s);
+        for (float &x : s->mic_spectrum[0]) x *= 1.0f + 0.37f * block;
+        Bf_NoiseEstimate(*s);
+    }
+    for (int32_t k = 0; k < kBins; ++k) {
+        const float re = s->mic_spectrum[0][2 * k], im = s->mic_spectrum[0][2 * k + 1];
+        const float g = s->wiener_gain[0][k], noise = s->noise_psd[0][k];
+        const float speech = g * g * ((re * re + im * im) * 65536.0f);
+        const float ratio = noise >= speech ? (speech > 0.0f ? speech / noise : 0.0f) : 1.0f;
+        EXPECT_EQ(s->speech_noise_ratio[k], std::max(ratio * g, 0.01f)) << k;
+    }
+}
+
 TEST(NoiseCovariance, RunningMeanOfThirteenThenForgettingOneTwelfth) {
     auto s = FreshState();
     s->Noise_estimation = 1;
