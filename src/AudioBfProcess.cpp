@@ -186,6 +186,24 @@ uint32_t Bf_CheckPrerequisites(const BfCoreState &s, uint32_t needs, const char 
     return KIVBF_OK;
 }
 
+bool Bf_IsNull(const void *pointer, const char *message) {
+    if (pointer != nullptr) return false;
+    DML_PRINT_ALWAYS(DML_ERR, message);
+    return true;
+}
+
+uint32_t Bf_CheckReady(const BfCoreState &s, uint32_t needs, const char *name) {
+    const uint32_t status = Bf_CheckPrerequisites(s, needs, name);
+    if (status != KIVBF_OK) return status;
+    return Bf_HandleCheck(s, s.debug_level, name);
+}
+
+uint32_t Bf_OpenCall(AudioBfHandle handle, const char *null_message, uint32_t needs,
+                     const char *name) {
+    if (Bf_IsNull(handle, null_message)) return KIVBF_ERR_HANDLE;
+    return Bf_CheckReady(*Bf_StateOf(handle), needs, name);
+}
+
 extern "C" {
 
 uint32_t KivBf_GetBufferSize(void) {
@@ -207,10 +225,8 @@ AudioBfHandle KivBf_Reset(AudioBfHandle handle, const AudioBfInit *init) {
 }
 
 uint32_t KivBf_Free(AudioBfHandle handle) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Free] Fail!. The handle is NULL\t\n");
+    if (Bf_IsNull(handle, "[%s] %s [BF] [Free] Fail!. The handle is NULL\t\n"))
         return KIVBF_ERR_HANDLE;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     FFT_Free(&s.fft_record);
     s.init_flag = kFlagNotDone;

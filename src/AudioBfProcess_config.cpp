@@ -64,22 +64,15 @@ void StoreConfig(BfCoreState &s, const AudioBfConfig &config) {
 extern "C" {
 
 uint32_t KivBf_SetConfig(AudioBfHandle handle, AudioBfConfig *config) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetConfig] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetConfig] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (config == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [SetConfig] Fail! The configuration parameter is NULL!!\r\n");
+    if (Bf_IsNull(config, "[%s] %s[BF] [SetConfig] Fail! The configuration parameter is NULL!!\r\n"))
         return KIVBF_ERR_NULL_CONFIG;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     // Cleared before anything is checked: a failed call leaves the handle
     // unconfigured, so the later steps refuse to run on half-applied settings.
     s.config_flag = 0;
-    if (uint32_t status = Bf_CheckPrerequisites(s, BF_NEED_INIT, "SetConfig"); status != KIVBF_OK)
-        return status;
-    if (uint32_t status = Bf_HandleCheck(s, s.debug_level, "SetConfig"); status != KIVBF_OK)
+    if (uint32_t status = Bf_CheckReady(s, BF_NEED_INIT, "SetConfig"); status != KIVBF_OK)
         return status;
     if (uint32_t status = ValidateSwitchesAndGain(*config, s.debug_level); status != KIVBF_OK)
         return status;
@@ -91,19 +84,12 @@ uint32_t KivBf_SetConfig(AudioBfHandle handle, AudioBfConfig *config) {
 }
 
 uint32_t KivBf_GetConfig(AudioBfHandle handle, AudioBfConfig *config) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [GetConfig] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [GetConfig] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (config == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [GetConfig] Fail! The configuration parameter is NULL!!\r\n");
+    if (Bf_IsNull(config, "[%s] %s[BF] [GetConfig] Fail! The configuration parameter is NULL!!\r\n"))
         return KIVBF_ERR_NULL_CONFIG;
-    }
     const BfCoreState &s = *Bf_StateOf(handle);
-    if (uint32_t status = Bf_CheckPrerequisites(s, BF_NEED_INIT, "GetConfig"); status != KIVBF_OK)
-        return status;
-    if (uint32_t status = Bf_HandleCheck(s, s.debug_level, "GetConfig"); status != KIVBF_OK)
+    if (uint32_t status = Bf_CheckReady(s, BF_NEED_INIT, "GetConfig"); status != KIVBF_OK)
         return status;
 
     config->temperature = s.temperature;

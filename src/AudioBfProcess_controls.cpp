@@ -19,13 +19,6 @@ constexpr int32_t kMinLoadingFactor = 1;
 constexpr int32_t kMaxLoadingFactor = 1000;
 constexpr uint32_t kMaxPfFlow = 2;
 
-// Prerequisite flags, then the handle check; the first failure's status.
-uint32_t CheckReady(const BfCoreState &s, uint32_t needs, const char *name) {
-    const uint32_t status = Bf_CheckPrerequisites(s, needs, name);
-    if (status != KIVBF_OK) return status;
-    return Bf_HandleCheck(s, s.debug_level, name);
-}
-
 // Loading of every bin from the band edges: band j spans bins
 // [band[j-1], band[j]), band 0 everything below band[0].
 void ApplyBandLoading(BfCoreState &s) {
@@ -47,13 +40,11 @@ void TakeSteeringAngle(BfCoreState &s, float angle) {
 extern "C" {
 
 uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetMode] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetMode] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     s.mode_flag = 0;
-    const uint32_t status = CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetMode");
+    const uint32_t status = Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetMode");
     if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
@@ -99,15 +90,12 @@ uint32_t KivBf_SetMode(AudioBfHandle handle, uint32_t mode, float angle) {
 }
 
 uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n");
-        return KIVBF_ERR_HANDLE;
-    }
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetAdaptiveIntensity] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status = CheckReady(
-        s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetAdaptiveIntensity");
-    if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
     if (intensity < 0 || intensity > kMaxIntensity) {
@@ -128,7 +116,7 @@ uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
         s.pf_mix = kPfMix;
         s.intensity_scale = preset.scale;
         s.intensity_floor = preset.floor;
-        s.intensity_limit = preset.limit;
+        s.direction_slope = preset.limit;
     }
     if (s.mode == static_cast<int32_t>(KIVBF_MODE_POSTFILTER_NO_BAND)) {
         DML_PRINT(
@@ -141,22 +129,15 @@ uint32_t KivBf_SetAdaptiveIntensity(AudioBfHandle handle, int32_t intensity) {
 
 uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band,
                               const int32_t *dl_intensity, uint32_t is_dynamic) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [DynamicLoading] Fail!  The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (band == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n");
+    if (Bf_IsNull(band, "[%s] %s[BF] [DynamicLoading] Fail!  The band is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
-    if (dl_intensity == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n");
+    if (Bf_IsNull(dl_intensity, "[%s] %s[BF] [DynamicLoading] Fail!  The dl_intensity is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
     const uint32_t status =
-        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "DynamicLoading");
+        Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "DynamicLoading");
     if (status != KIVBF_OK) return status;
 
     const int32_t level = s.debug_level;
@@ -204,14 +185,12 @@ uint32_t KivBf_DynamicLoading(AudioBfHandle handle, const int32_t *band,
 }
 
 uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n");
-        return KIVBF_ERR_HANDLE;
-    }
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetPfFlow] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetPfFlow");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status =
-        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE | BF_NEED_MODE, "SetPfFlow");
-    if (status != KIVBF_OK) return status;
 
     if (flow > kMaxPfFlow) {
         DML_PRINT(
@@ -225,14 +204,12 @@ uint32_t KivBf_SetPfFlow(AudioBfHandle handle, uint32_t flow) {
 }
 
 uint32_t KivBf_SetCalibration(AudioBfHandle handle, uint32_t calibration_flag) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetCalibration] Fail! The handle is NULL!!\r\n");
-        return KIVBF_ERR_HANDLE;
-    }
+    if (uint32_t status = Bf_OpenCall(
+            handle, "[%s] %s[BF] [SetCalibration] Fail! The handle is NULL!!\r\n",
+            BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
+        status != KIVBF_OK)
+        return status;
     BfCoreState &s = *Bf_StateOf(handle);
-    const uint32_t status =
-        CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "SetCalibration");
-    if (status != KIVBF_OK) return status;
 
     if (calibration_flag != 0 && calibration_flag != 1) {
         DML_PRINT(s.debug_level, DML_ERR,

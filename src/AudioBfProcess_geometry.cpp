@@ -12,8 +12,10 @@ namespace {
 
 constexpr int32_t kShapeSettable = 2;  // run_flag before the first block
 
-// Init, config, and no block processed since Init/Reset.
-uint32_t CheckShapeIsSettable(const BfCoreState &s, const char *name) {
+// The opening of both shape calls: init, config, and no block processed since
+// Init/Reset; then a shape already in force is announced as overwritten (it
+// stays usable if the call fails) or the shape flag cleared; then the handle.
+uint32_t OpenShapeCall(BfCoreState &s, const char *name, const char *overwrite_warning) {
     if (uint32_t status = Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG, name);
         status != KIVBF_OK)
         return status;
@@ -23,7 +25,11 @@ uint32_t CheckShapeIsSettable(const BfCoreState &s, const char *name) {
                   name);
         return KIVBF_ERR_SHAPE_AFTER_RUN;
     }
-    return KIVBF_OK;
+    if (s.shape_flag == 1)
+        DML_PRINT(s.debug_level, DML_WRN, overwrite_warning);
+    else
+        s.shape_flag = 0;
+    return Bf_HandleCheck(s, s.debug_level, name);
 }
 
 void PlaceLinear(BfCoreState &s) {
@@ -104,20 +110,14 @@ uint32_t PlaceArbitrary(BfCoreState &s, const float *array_pos) {
 extern "C" {
 
 uint32_t KivBf_SetShape(AudioBfHandle handle, uint32_t array_geometry) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetShape] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetShape] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
-    if (uint32_t status = CheckShapeIsSettable(s, "SetShape"); status != KIVBF_OK) return status;
-    // A shape already in force stays usable if this call fails.
-    if (s.shape_flag == 1)
-        DML_PRINT(s.debug_level, DML_WRN,
-                  "[%s] %s[BF] [SetShape] Warning!You may have called KivBf_SetArbitraryShape "
-                  "first. The array geometry will be overwrite !\t\n");
-    else
-        s.shape_flag = 0;
-    if (uint32_t status = Bf_HandleCheck(s, s.debug_level, "SetShape"); status != KIVBF_OK)
+    if (uint32_t status = OpenShapeCall(
+            s, "SetShape",
+            "[%s] %s[BF] [SetShape] Warning!You may have called KivBf_SetArbitraryShape "
+            "first. The array geometry will be overwrite !\t\n");
+        status != KIVBF_OK)
         return status;
     if (array_geometry != KIVBF_GEOMETRY_LINEAR && array_geometry != KIVBF_GEOMETRY_CIRCULAR) {
         DML_PRINT(s.debug_level, DML_ERR,
@@ -137,25 +137,15 @@ uint32_t KivBf_SetShape(AudioBfHandle handle, uint32_t array_geometry) {
 }
 
 uint32_t KivBf_SetArbitraryShape(AudioBfHandle handle, const float *array_pos) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [SetArbitraryShape] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [SetArbitraryShape] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (array_pos == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [SetArbitraryShape] Fail! The array_pos is NULL!!\r\n");
+    if (Bf_IsNull(array_pos, "[%s] %s[BF] [SetArbitraryShape] Fail! The array_pos is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
     BfCoreState &s = *Bf_StateOf(handle);
-    if (uint32_t status = CheckShapeIsSettable(s, "SetArbitraryShape"); status != KIVBF_OK)
-        return status;
-    if (s.shape_flag == 1)
-        DML_PRINT(s.debug_level, DML_WRN,
-                  "[%s] %s[BF] [SetArbitraryShape] Warning!You may have called KivBf_SetShape "
-                  "first.It is going to overwrite the array geometry !\t\n");
-    else
-        s.shape_flag = 0;
-    if (uint32_t status = Bf_HandleCheck(s, s.debug_level, "SetArbitraryShape");
+    if (uint32_t status = OpenShapeCall(
+            s, "SetArbitraryShape",
+            "[%s] %s[BF] [SetArbitraryShape] Warning!You may have called KivBf_SetShape "
+            "first.It is going to overwrite the array geometry !\t\n");
         status != KIVBF_OK)
         return status;
     // A pair is placed only by KivBf_SetShape; free positions are for larger
@@ -174,15 +164,10 @@ uint32_t KivBf_SetArbitraryShape(AudioBfHandle handle, const float *array_pos) {
 }
 
 uint32_t KivBf_GetArrayPosition(AudioBfHandle handle, float *array_pos) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s[BF] [GetArrayPosition] Fail! The handle is NULL!!\r\n");
+    if (Bf_IsNull(handle, "[%s] %s[BF] [GetArrayPosition] Fail! The handle is NULL!!\r\n"))
         return KIVBF_ERR_HANDLE;
-    }
-    if (array_pos == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR,
-                         "[%s] %s[BF] [GetArrayPosition] Fail! The array_pos is NULL!!\r\n");
+    if (Bf_IsNull(array_pos, "[%s] %s[BF] [GetArrayPosition] Fail! The array_pos is NULL!!\r\n"))
         return KIVBF_ERR_NULL_POINTER;
-    }
     const BfCoreState &s = *Bf_StateOf(handle);
     if (uint32_t status = Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG, "GetArrayPosition");
         status != KIVBF_OK)

@@ -26,6 +26,17 @@ uint32_t Bf_HandleCheck(const BfCoreState &s, int32_t level, const char *name);
 // Returns KIVBF_ERR_NOT_INITIALISED, KIVBF_ERR_PREREQUISITE or KIVBF_OK.
 uint32_t Bf_CheckPrerequisites(const BfCoreState &s, uint32_t needs, const char *name);
 
+// The opening the exported calls share. Bf_IsNull: true, after printing
+// `message` whatever the level, when `pointer` (the handle or an argument) is
+// null. Bf_CheckReady: the flags in `needs`, then the handle itself, both
+// naming `name`; the first failure's status, else KIVBF_OK.
+bool Bf_IsNull(const void *pointer, const char *message);
+uint32_t Bf_CheckReady(const BfCoreState &s, uint32_t needs, const char *name);
+// Both for a call with no other pointer to test: a null handle gives
+// KIVBF_ERR_HANDLE after `null_message`, else Bf_CheckReady's status.
+uint32_t Bf_OpenCall(AudioBfHandle handle, const char *null_message, uint32_t needs,
+                     const char *name);
+
 // PCM dump (AudioBfProcess_dump.cpp).
 // Init/Reset: reads AUDIO_BF_DUMP into dump_mode and, when it is not 0, checks
 // the directory and opens the three files. `caller` is "Init" or "Reset".

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "AudioBfProcess_internal.h"
+#include "Beamformer_core_modes.h"
 #include "AudioVadProcess.h"
 #include "debug_msglevel.h"
 #include "vector_kernels.h"
@@ -14,7 +15,6 @@ using namespace kivbf;
 namespace {
 
 constexpr int32_t kHop = static_cast<int32_t>(kPointNumber);
-constexpr float kPcmScale = 32768.0f;
 constexpr float kSilenceRms = 1e-6f;
 
 // Splits the interleaved block into the per-channel staging blocks, holds the
@@ -86,9 +86,6 @@ bool IsNoiseBlock(const BfCoreState &s) {
     return s.input_rms * kPcmScale < static_cast<float>(s.noise_threshold_q15);
 }
 
-bool IsAdaptiveMode(int32_t mode) { return mode == 0 || mode == 3 || mode == 4; }
-bool HasPostFilter(int32_t mode) { return mode == 3 || mode == 4; }
-
 // The enhanced mode (kivbf_ext.h) in place of the operating mode's stages; it
 // touches none of their state.
 void RunEnhanced(BfCoreState &s, int16_t *output) {
@@ -105,20 +102,15 @@ void RunEnhanced(BfCoreState &s, int16_t *output) {
 
 extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_t *output,
                               const float *direction) {
-    if (handle == nullptr) {
-        DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The handle is NULL\t\n");
+    if (Bf_IsNull(handle, "[%s] %s [BF] [Run] Fail! The handle is NULL\t\n"))
         return KIVBF_ERR_HANDLE;
-    }
     if (input == nullptr || output == nullptr || direction == nullptr) {
         DML_PRINT_ALWAYS(DML_ERR, "[%s] %s [BF] [Run] Fail! The input pointer is NULL\t\n");
         return KIVBF_ERR_NULL_POINTER;
     }
     BfCoreState &s = *Bf_StateOf(handle);
     s.run_flag = 0;
-    uint32_t status =
-        Bf_CheckPrerequisites(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "Run");
-    if (status != KIVBF_OK) return status;
-    status = Bf_HandleCheck(s, s.debug_level, "Run");
+    uint32_t status = Bf_CheckReady(s, BF_NEED_INIT | BF_NEED_CONFIG | BF_NEED_SHAPE, "Run");
     if (status != KIVBF_OK) return status;
     status = Bf_DumpFollowEnvironment(s);
     if (status != KIVBF_OK) return status;
@@ -142,31 +134,31 @@ extern "C" uint32_t KivBf_Run(AudioBfHandle handle, const int16_t *input, int16_
         return KIVBF_OK;
     }
 
-    const int32_t mode = s.mode;
-    if (IsAdaptiveMode(mode)) {
+    const ModeTraits mode = TraitsOf(s);
+    if (mode.adaptive) {
         Bf_TargetSteering(s);
         Bf_NoiseEstimate(s);
     }
-    if (HasPostFilter(mode)) {
+    if (mode.post_filter) {
         Bf_SpectraAverage(s);
         Bf_CoherenceDetect(s);
         Bf_DirectionScore(s);
         Bf_DirectionWeight(s);
     }
-    if (mode == 3) Bf_BandWeighting(s);
-    if (IsAdaptiveMode(mode) && IsNoiseBlock(s)) {
+    if (mode.band_weighting) Bf_BandWeighting(s);
+    if (mode.adaptive && IsNoiseBlock(s)) {
         Bf_NoiseCovarianceUpdate(s);
         Bf_AdaptiveWeights(s);
     }
 
     Bf_BeamSum(s);
-    if (mode == 2) {
+    if (mode.canceller) {
         if (s.canceller_hold == 0) Bf_Canceller(s);
         s.canceller_hold = 0;
     }
 
     vec_fill(s.pf_gain, 1.0f, kBins);
-    if (HasPostFilter(mode)) {
+    if (mode.post_filter) {
         Bf_PostFilterGain(s);
         if (s.pf_flow == 1)
             Bf_PostFilterApply(s);

@@ -20,6 +20,9 @@ namespace kivbf {
 inline constexpr int32_t kHistoryBlocks = 5;   // blocks averaged by the coherence stages
 inline constexpr int32_t kSmoothTaps = 22;     // post-filter smoothing kernel
 inline constexpr int32_t kPadLength = kBins + 2 * (kSmoothTaps - 1);  // 171
+inline constexpr float kPcmScale = 32768.0f;     // 16-bit PCM per unit of the internal full scale
+inline constexpr float kSpectrumScale = 256.0f;  // spectra are measured at 256 times their scale
+inline constexpr float kSpectrumPowerScale = kSpectrumScale * kSpectrumScale;  // their power: 65536
 }  // namespace kivbf
 
 #define BF_ALIGN alignas(16)
@@ -80,7 +83,7 @@ struct BfCoreState {
     // --- Configuration (KivBf_SetConfig) ---------------------------------------
     uint32_t temperature;         // degrees Celsius
     int32_t noise_threshold_db;   // dBFS, [-80, 0]
-    int32_t noise_threshold_q15;  // the threshold as a Q15 amplitude (VolTable1)
+    int32_t noise_threshold_q15;  // the threshold as a Q15 amplitude (kDbToQ15)
     uint32_t Noise_estimation;    // 0/1: covariance averaging path
     float output_gain;            // (0, 1]; 0.7 is unity
     uint32_t vad_enable;          // 1: the VAD chooses noise blocks
@@ -143,10 +146,10 @@ struct BfCoreState {
     float intensity_scale;      // scales the noise estimate
     float intensity_floor;      // lower bound of the a-priori SNR
     float band_weight_low;      // mode-3 band weights: low, wide, mid, side by side,
-    float band_weight_wide;     //   directly before mode3_scale and intensity_limit
+    float band_weight_wide;     //   directly before mode3_scale and direction_slope
     float band_weight_mid;
     float mode3_scale;          // logistic scale of the direction weights (e^-3)
-    float intensity_limit;      // logistic slope of the direction weights
+    float direction_slope;      // logistic slope of the direction weights
     float pf_mix;               // dry share of the post-filter
 
     // --- Spectral analysis ----------------------------------------------------------
@@ -156,6 +159,7 @@ struct BfCoreState {
     float mic_phase_rate[kivbf::kMics];  // tau per microphone, radians per Hz
     BF_ALIGN float steering_phase[kivbf::kSpectrumFloats];  // look direction, mic 1 rel. mic 0;
                                                             // also the canceller's blocking filter
+    // Scratch of Bf_DesignFixedBeam: nothing reads these after it returns.
     float design_steering[8];    // A: steering vector in column 0
     float design_conjugate[8];   // B: conjugated steering vector in row 0
     float design_coherence[8];   // Gamma, loaded and inverted in place
@@ -176,11 +180,13 @@ struct BfCoreState {
     BF_ALIGN float spp_smoothed[kivbf::kMics][kivbf::kBins];
     BF_ALIGN float prior_snr_memory[kivbf::kMics][kivbf::kBins];  // G^2 gamma of the last block
     BF_ALIGN float wiener_gain[kivbf::kMics][kivbf::kBins];
-    BF_ALIGN float unit_vector[kivbf::kBins];         // constant 1.0
+    BF_ALIGN float ones[kivbf::kBins];                // constant 1.0: unit numerators
     BF_ALIGN float speech_noise_ratio[kivbf::kBins];  // modes 3, 4; from microphone 0
-    BF_ALIGN float ne_power[kivbf::kBins];            // scratch: P
-    BF_ALIGN float ne_posterior_snr[kivbf::kBins];    // scratch: gamma
-    BF_ALIGN float ne_presence[kivbf::kBins];         // scratch: exp(-0.969 gamma), then p
+    // Scratch of Bf_NoiseEstimate, between its two passes; the first block
+    // reads ne_posterior_snr as Init left it (zero).
+    BF_ALIGN float ne_power[kivbf::kBins];            // P
+    BF_ALIGN float ne_posterior_snr[kivbf::kBins];    // gamma
+    BF_ALIGN float ne_presence[kivbf::kBins];         // exp(-0.969 gamma), then p
     uint16_t noise_counter;                           // 0, 1, 2 (stays at 2)
 
     // --- Noise spatial covariance -----------------------------------------------------
@@ -212,7 +218,7 @@ struct BfCoreState {
     BF_ALIGN float reference_power[kivbf::kBins];        // S, floored at 1e-6
 
     // --- Post-filter (modes 3, 4) -------------------------------------------------------
-    BF_ALIGN float speech_presence[kivbf::kBins];  // second gain array; 1.0, never rewritten
+    BF_ALIGN float unity_gain[kivbf::kBins];  // constant 1.0: the gain Bf_PostFilterMix mixes in
     BF_ALIGN float pf_raw_gain[kivbf::kBins];      // unsmoothed gain; persists
 
     // --- Direction finding and automatic steering (extension) ----------------------------
@@ -232,12 +238,12 @@ static_assert(sizeof(BfLocateState) <= 3000, "the direction finder's share of th
 
 // --- Initialisation and settings (Beamformer_core_init.cpp) ---------------------------
 int32_t Bf_CoreInit(BfCoreState &s);                // defaults of every adaptive array; FFT set-up
-int32_t Bf_VolTableLookup(int32_t db);              // dB -> Q15 amplitude (VolTable1)
+int32_t Bf_VolTableLookup(int32_t db);              // dB -> Q15 amplitude (kDbToQ15)
 
 // --- Preparations made by KivBf_SetMode (Beamformer_core_design.cpp) -------------------
 void Bf_ResetCovariance(BfCoreState &s);  // every bin's noise covariance to identity
 void Bf_ResetCanceller(BfCoreState &s);   // anc_filter 1 + 0i, reference_power 0
-void Bf_SetUnityGains(BfCoreState &s);    // band weights and unit_vector to 1.0
+void Bf_SetUnityGains(BfCoreState &s);    // band weights and ones to 1.0
 void Bf_DesignFixedBeam(BfCoreState &s);  // superdirective weights and steering_phase
 
 // --- Per-block stages, in the order KivBf_Run calls them --------------------------------

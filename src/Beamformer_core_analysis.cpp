@@ -6,7 +6,6 @@
 #include "windowfilt.h"
 
 namespace {
-constexpr float kPcmScale = 32768.0f;  // internal full scale 1.0 back to 16-bit PCM
 constexpr size_t kSpectrumBytes = sizeof(float) * kivbf::kSpectrumFloats;
 }  // namespace
 
@@ -27,5 +26,5 @@ void Bf_Synthesis(BfCoreState &s, const float *spectrum, float *destination) {
     std::memcpy(s.fft_buffer, spectrum, kSpectrumBytes);
     FFT_Rdft(&s.fft_record, kivbf::kFftSize, FFT_INVERSE, s.fft_buffer, s.fft_work_ip,
              s.fft_work_w);
-    WindowFilter_ApplyTo(s.fft_buffer, destination, WINDOW_SYNTHESIS, kPcmScale);
+    WindowFilter_ApplyTo(s.fft_buffer, destination, WINDOW_SYNTHESIS, kivbf::kPcmScale);
 }

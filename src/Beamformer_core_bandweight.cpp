@@ -9,10 +9,9 @@
 
 #include "math_functions.h"
 #include "Beamformer_core.h"
-#include "vector_lanes.h"
+#include "vector_kernels.h"
 
 using namespace kivbf;
-using namespace kivbf::lanes;
 
 namespace {
 
@@ -22,11 +21,12 @@ constexpr int32_t kLowScoreCount = 16;   // bins 16..31
 constexpr int32_t kWideScoreFirst = 16;
 constexpr int32_t kWideScoreCount = 72;  // bins 16..87
 
-// Bins each band weight scales: 0..7 low, 8..31 mid, 32..128 wide.
+// Bins each band weight scales: 0..7 low, 8..31 mid, 32..128 wide. The band
+// edges are multiples of four, so vec_scale runs bins 0..127 in lanes and bin
+// 128 alone, as every per-bin stage does.
 constexpr int32_t kMidFirst = 8;
 constexpr int32_t kWideFirst = 32;
-constexpr int32_t kLastBin = kBins - 1;  // bins 0..127 fill the lanes; 128 is the tail
-static_assert(LaneCount(kBins) == kLastBin, "one bin is left for the scalar tail");
+static_assert(kMidFirst % 4 == 0 && kWideFirst % 4 == 0);
 
 constexpr double kNewShare = 0.99;
 constexpr double kOldShare = 1.0 - kNewShare;
@@ -50,19 +50,11 @@ float SmoothBandWeight(float old_weight, float score_sum, int32_t count, float s
     return static_cast<float>(kOldShare * old_weight + kNewShare / logistic_denominator);
 }
 
-// weight[first..end-1] x band, four lanes at a time.
-void ScaleLanes(float *weight, int32_t first, int32_t end, float band) {
-    for (int32_t k = first; k < end; k += kLanes)
-        vst1q_f32(weight + k, vmulq_n_f32(vld1q_f32(weight + k), band));
-}
-
 }  // namespace
 
 void Bf_BandWeighting(BfCoreState &s) {
     if (s.coherent_flag != 1) {
-        const float32x4_t unity = vdupq_n_f32(1.0f);
-        for (int32_t k = 0; k < kLastBin; k += kLanes) vst1q_f32(s.direction_weight + k, unity);
-        s.direction_weight[kLastBin] = 1.0f;
+        vec_fill(s.direction_weight, 1.0f, kBins);
         return;
     }
     // The low bins open the wide range, so the wide sum goes on from the low one.
@@ -71,16 +63,15 @@ void Bf_BandWeighting(BfCoreState &s) {
     const float wide_sum = AddScores(low_sum, s.direction_score, kLowScoreFirst + kLowScoreCount,
                                      kWideScoreCount - kLowScoreCount);
     s.band_weight_low = SmoothBandWeight(s.band_weight_low, low_sum, kLowScoreCount,
-                                         s.mode3_scale, s.intensity_limit);
+                                         s.mode3_scale, s.direction_slope);
     s.band_weight_wide = SmoothBandWeight(s.band_weight_wide, wide_sum, kWideScoreCount,
-                                          s.mode3_scale, s.intensity_limit);
+                                          s.mode3_scale, s.direction_slope);
     const double geometric_mean = std::sqrt(static_cast<double>(s.band_weight_low) *
                                             static_cast<double>(s.band_weight_wide));
     s.band_weight_mid =
         static_cast<float>(kOldShare * s.band_weight_mid + kNewShare * geometric_mean);
 
-    ScaleLanes(s.direction_weight, 0, kMidFirst, s.band_weight_low);
-    ScaleLanes(s.direction_weight, kMidFirst, kWideFirst, s.band_weight_mid);
-    ScaleLanes(s.direction_weight, kWideFirst, kLastBin, s.band_weight_wide);
-    s.direction_weight[kLastBin] *= s.band_weight_wide;
+    vec_scale(s.direction_weight, s.band_weight_low, kMidFirst);
+    vec_scale(s.direction_weight + kMidFirst, s.band_weight_mid, kWideFirst - kMidFirst);
+    vec_scale(s.direction_weight + kWideFirst, s.band_weight_wide, kBins - kWideFirst);
 }

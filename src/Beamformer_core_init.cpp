@@ -16,7 +16,7 @@ struct VolTableRow {
     int16_t amplitude_q15;  // 32767 * 10^(db / 20), cut toward zero
 };
 
-constexpr VolTableRow VolTable1[] = {
+constexpr VolTableRow kDbToQ15[] = {
     {0, 32767},  {-1, 29203}, {-2, 26027}, {-3, 23197}, {-4, 20674}, {-5, 18426}, {-6, 16422},
     {-7, 14636}, {-8, 13044}, {-9, 11626}, {-10, 10361}, {-11, 9234}, {-12, 8230}, {-13, 7335},
     {-14, 6537}, {-15, 5826}, {-16, 5193}, {-17, 4628}, {-18, 4125}, {-19, 3676}, {-20, 3276},
@@ -30,7 +30,7 @@ constexpr VolTableRow VolTable1[] = {
     {-70, 10},   {-71, 9},    {-72, 8},    {-73, 7},    {-74, 6},    {-75, 5},    {-76, 4},
     {-77, 3},    {-78, 2},    {-79, 1},    {-80, 1},
 };
-static_assert(std::size(VolTable1) == 81);
+static_assert(std::size(kDbToQ15) == 81);
 
 // Default edges of the dynamic-loading bands, in bins.
 constexpr int32_t intensity_band[6] = {3, 24, 40, 64, 80, 128};
@@ -38,10 +38,10 @@ constexpr int32_t intensity_band[6] = {3, 24, 40, 64, 80, 128};
 }  // namespace
 
 int32_t Bf_VolTableLookup(int32_t db) {
-    if (db > VolTable1[0].db) return VolTable1[0].amplitude_q15;
-    const VolTableRow &last = VolTable1[std::size(VolTable1) - 1];
+    if (db > kDbToQ15[0].db) return kDbToQ15[0].amplitude_q15;
+    const VolTableRow &last = kDbToQ15[std::size(kDbToQ15) - 1];
     if (db < last.db) return last.amplitude_q15;
-    for (const VolTableRow &row : VolTable1)
+    for (const VolTableRow &row : kDbToQ15)
         if (row.db == db) return row.amplitude_q15;
     return 0;
 }
@@ -69,12 +69,12 @@ int32_t Bf_CoreInit(BfCoreState &s) {
     s.intensity_floor = preset.floor;
 
     for (float(&memory)[kBins] : s.prior_snr_memory) vec_fill(memory, 1.0f, kBins);
-    vec_fill(s.speech_presence, 1.0f, kBins);
+    vec_fill(s.unity_gain, 1.0f, kBins);
 
     Bf_ResetCovariance(s);
     Bf_ResetCanceller(s);
 
-    s.intensity_limit = preset.limit;
+    s.direction_slope = preset.limit;
     s.mode3_scale = kMode3Scale;
     s.pf_mix = kPfMix;
 

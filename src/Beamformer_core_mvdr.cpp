@@ -6,6 +6,7 @@
 // in the 8-float functions.
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "math_functions.h"
 #include "Beamformer_core.h"
@@ -17,7 +18,6 @@ using namespace kivbf::lanes;
 
 namespace {
 
-constexpr float kSnapshotScale = 256.0f;
 constexpr uint16_t kRunningMeanUpdates = 13;  // plain mean over the first 13 snapshots
 constexpr uint16_t kLastRunningMean = kRunningMeanUpdates - 1;
 constexpr float kSlowForgetting = 1.0f / 12.0f;  // after the running mean
@@ -33,47 +33,25 @@ constexpr int32_t kLaneBins = 0;
 constexpr int32_t kLaneBins = LaneCount(kBins);
 #endif
 
-// Four floats, one per lane, with the element-wise IEEE operations that the
-// matrix templates use.
-struct Float4 {
-    float32x4_t v;
-    Float4() = default;
-    explicit Float4(float32x4_t lanes) : v(lanes) {}
-    explicit Float4(float value) : v(vdupq_n_f32(value)) {}
-};
-
-Float4 operator+(Float4 a, Float4 b) { return Float4(vaddq_f32(a.v, b.v)); }
-Float4 operator-(Float4 a, Float4 b) { return Float4(vsubq_f32(a.v, b.v)); }
-Float4 operator*(Float4 a, Float4 b) { return Float4(vmulq_f32(a.v, b.v)); }
-Float4 operator-(Float4 a) {  // flips the sign bit, as scalar negation does
-    return Float4(vreinterpretq_f32_u32(
-        veorq_u32(vreinterpretq_u32_f32(a.v), vdupq_n_u32(0x80000000u))));
+// Runs body(T(), k) with T = Float4 for bins 0 .. kLaneBins - 1 in groups of
+// four and T = float for the rest.
+template <typename Body>
+void ForEachMvdrBin(Body &&body) {
+    int32_t k = 0;
+    for (; k < kLaneBins; k += kLanes) body(Float4(0.0f), k);
+    for (; k < kBins; ++k) body(0.0f, k);
 }
 
-Float4 Quotient(Float4 a, Float4 b) { return Float4(ExactQuotient(a.v, b.v)); }
-
-Float4 ReplaceZero(Float4 x, float replacement) {
-    return Float4(vbslq_f32(vceqq_f32(x.v, vdupq_n_f32(0.0f)), vdupq_n_f32(replacement), x.v));
-}
-
-using ::Quotient;  // the float versions, which the two above would hide here
-using ::ReplaceZero;
-
-// Microphone m's entry of the snapshot of bin k, weighted by the microphone's
-// noise share (1 - G) unless the microphones are calibrated, where the weight
-// is applied later.
-void SnapshotEntry(const BfCoreState &s, int32_t m, int32_t k, bool calibrated, float &re_out,
-                   float &im_out) {
-    const float re = s.mic_spectrum[m][2 * k];
-    const float im = s.mic_spectrum[m][2 * k + 1];
-    if (calibrated) {
-        re_out = kSnapshotScale * re;
-        im_out = kSnapshotScale * im;
-    } else {
-        const double weight = static_cast<double>(1.0f - s.wiener_gain[m][k]) * kSnapshotScale;
-        re_out = static_cast<float>(weight * re);
-        im_out = static_cast<float>(weight * im);
-    }
+// Microphone m's snapshot of bin k, weighted by the microphone's noise share
+// (1 - G) 256 unless the microphones are calibrated, where (1 - G) is applied
+// later. The weight is exact in float (G lies in [0, 1]) and so is the product
+// of two floats in double, which this product has always been rounded from:
+// float arithmetic gives the same bits.
+template <typename T>
+Complex<T> Snapshot(const BfCoreState &s, int32_t m, int32_t k, bool calibrated) {
+    T weight(kSpectrumScale);
+    if (!calibrated) weight = (T(1.0f) - Load<T>(s.wiener_gain[m], k)) * T(kSpectrumScale);
+    return Scale(LoadComplex<T>(s.mic_spectrum[m], k), weight);
 }
 
 // v = (v0, v1) in column 0, and v^H in row 0, of otherwise zero matrices.
@@ -124,17 +102,19 @@ inline Weights<T> MvdrWeights(const Cmat2Parts<T> &phi, T loading, T c0, T s0, T
     const T u_im[kMics] = {inv_col.im.a00, inv_col.im.a10};
     Weights<T> w;
     for (int32_t m = 0; m < kMics; ++m) {
-        w.re[m] = Quotient(u_re[m] * s_re + u_im[m] * s_im, magnitude);
-        w.im[m] = Quotient(u_re[m] * s_im - u_im[m] * s_re, magnitude);
+        w.re[m] = ExactQuotient(u_re[m] * s_re + u_im[m] * s_im, magnitude);
+        w.im[m] = ExactQuotient(u_re[m] * s_im - u_im[m] * s_re, magnitude);
     }
     return w;
 }
 
 using Covariance = float[kCmat2Floats][kBins];
 
-// Phi of bin k in split form.
-Cmat2Parts<float> LoadPhi(const Covariance &phi, int32_t k) {
-    return {{phi[0][k], phi[2][k], phi[4][k], phi[6][k]}, {phi[1][k], phi[3][k], phi[5][k], phi[7][k]}};
+// Phi of bin k (and the three after it) in split form.
+template <typename T>
+Cmat2Parts<T> LoadPhi(const Covariance &phi, int32_t k) {
+    const auto e = [&](int32_t element) { return Load<T>(phi[element], k); };
+    return {{e(0), e(2), e(4), e(6)}, {e(1), e(3), e(5), e(7)}};
 }
 
 // Phi of bins k .. k + 3: element e of the four bins in lanes[e].
@@ -150,11 +130,6 @@ PhiLanes LoadPhiLanes(const Covariance &phi, int32_t k) {
 
 void StorePhiLanes(const PhiLanes &in, Covariance &phi, int32_t k) {
     for (int32_t e = 0; e < kCmat2Floats; ++e) vst1q_f32(phi[e] + k, in.lanes[e]);
-}
-
-Cmat2Parts<Float4> PartsOf(const PhiLanes &p) {
-    return {{Float4(p.lanes[0]), Float4(p.lanes[2]), Float4(p.lanes[4]), Float4(p.lanes[6])},
-            {Float4(p.lanes[1]), Float4(p.lanes[3]), Float4(p.lanes[5]), Float4(p.lanes[7])}};
 }
 
 PhiLanes LanesOf(const Cmat2Parts<Float4> &m) {
@@ -232,10 +207,9 @@ BlockAveraging AveragingOf(const BfCoreState &s) {
 }
 
 void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
-    float x[4];
-    SnapshotEntry(s, 0, k, calibrated, x[0], x[1]);
-    SnapshotEntry(s, 1, k, calibrated, x[2], x[3]);
-    const Cmat2Parts<float> n = NormalisedSnapshot(x[0], x[1], x[2], x[3]);
+    const Complex<float> x0 = Snapshot<float>(s, 0, k, calibrated);
+    const Complex<float> x1 = Snapshot<float>(s, 1, k, calibrated);
+    const Cmat2Parts<float> n = NormalisedSnapshot(x0.re, x0.im, x1.re, x1.im);
     const float row0[4] = {n.re.a00, n.im.a00, n.re.a01, n.im.a01};
     const float row1[4] = {n.re.a10, n.im.a10, n.re.a11, n.im.a11};
     float32x4_t normalised[2] = {vld1q_f32(row0), vld1q_f32(row1)};
@@ -252,28 +226,10 @@ void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAve
     for (int32_t e = 0; e < kCmat2Floats; ++e) s.noise_covariance[e][k] = phi[e];
 }
 
-// Bins k .. k + 3; the snapshot's double-precision weighting runs per bin.
-// Microphone m's snapshot entries of bins k .. k + 3, as SnapshotEntry forms
-// them. The weight (1 - G) 256 is exact in float (G lies in [0, 1]), and the
-// product of two floats is exact in double, so the double product rounded to
-// float is the float product: the lanes multiply in float.
-float32x4x2_t SnapshotLanes(const BfCoreState &s, int32_t m, int32_t k, bool calibrated) {
-    float32x4x2_t x = vld2q_f32(s.mic_spectrum[m] + 2 * k);
-    float32x4_t weight = vdupq_n_f32(kSnapshotScale);
-    if (!calibrated) {
-        const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[m] + k));
-        weight = vmulq_n_f32(noise_share, kSnapshotScale);
-    }
-    x.val[0] = vmulq_f32(weight, x.val[0]);
-    x.val[1] = vmulq_f32(weight, x.val[1]);
-    return x;
-}
-
 void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
-    const float32x4x2_t x0 = SnapshotLanes(s, 0, k, calibrated);
-    const float32x4x2_t x1 = SnapshotLanes(s, 1, k, calibrated);
-    PhiLanes normalised = LanesOf(NormalisedSnapshot(Float4(x0.val[0]), Float4(x0.val[1]),
-                                                     Float4(x1.val[0]), Float4(x1.val[1])));
+    const Complex<Float4> x0 = Snapshot<Float4>(s, 0, k, calibrated);
+    const Complex<Float4> x1 = Snapshot<Float4>(s, 1, k, calibrated);
+    PhiLanes normalised = LanesOf(NormalisedSnapshot(x0.re, x0.im, x1.re, x1.im));
     if (calibrated) {
         const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[0] + k));
         for (float32x4_t &lane : normalised.lanes) lane = vmulq_f32(lane, noise_share);
@@ -290,9 +246,12 @@ void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockA
 void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
     const bool calibrated = s.calibration_flag == 1;
     const BlockAveraging averaging = AveragingOf(s);
-    int32_t k = 0;
-    for (; k < kLaneBins; k += kLanes) CovarianceFourBins(s, k, calibrated, averaging);
-    for (; k < kBins; ++k) CovarianceOneBin(s, k, calibrated, averaging);
+    ForEachMvdrBin([&](auto element, int32_t k) {
+        if constexpr (std::is_same_v<decltype(element), float>)
+            CovarianceOneBin(s, k, calibrated, averaging);
+        else
+            CovarianceFourBins(s, k, calibrated, averaging);
+    });
     if (s.Noise_estimation != 0) {
         if (s.cov_counter < kRunningMeanUpdates) ++s.cov_counter;
     } else if (s.cov_counter == 0) {
@@ -304,25 +263,11 @@ void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
 // beam sum W0 X0 + W1 X1 needs no conjugation.
 void Bf_AdaptiveWeights(BfCoreState &s) {
     UpdateSteering(s);
-    int32_t k = 0;
-    for (; k < kLaneBins; k += kLanes) {
-        const auto d = [&](int32_t row) { return Float4(vld1q_f32(s.mvdr_steering[row] + k)); };
-        const Weights<Float4> w =
-            MvdrWeights(PartsOf(LoadPhiLanes(s.noise_covariance, k)),
-                        Float4(vld1q_f32(s.bin_loading + k)), d(0), d(1), d(2), d(3));
-        for (int32_t m = 0; m < kMics; ++m) {
-            const float32x4x2_t interleaved = vzipq_f32(w.re[m].v, w.im[m].v);
-            vst1q_f32(s.beam_weights[m] + 2 * k, interleaved.val[0]);
-            vst1q_f32(s.beam_weights[m] + 2 * k + 4, interleaved.val[1]);
-        }
-    }
-    for (; k < kBins; ++k) {
-        const auto d = [&](int32_t row) { return s.mvdr_steering[row][k]; };
-        const Weights<float> w =
-            MvdrWeights(LoadPhi(s.noise_covariance, k), s.bin_loading[k], d(0), d(1), d(2), d(3));
-        for (int32_t m = 0; m < kMics; ++m) {
-            s.beam_weights[m][2 * k] = w.re[m];
-            s.beam_weights[m][2 * k + 1] = w.im[m];
-        }
-    }
+    ForEachMvdrBin([&](auto element, int32_t k) {
+        using T = decltype(element);
+        const auto d = [&](int32_t row) { return Load<T>(s.mvdr_steering[row], k); };
+        const Weights<T> w =
+            MvdrWeights(LoadPhi<T>(s.noise_covariance, k), Load<T>(s.bin_loading, k), d(0), d(1), d(2), d(3));
+        for (int32_t m = 0; m < kMics; ++m) StoreComplex(s.beam_weights[m], k, Complex<T>{w.re[m], w.im[m]});
+    });
 }

@@ -9,7 +9,7 @@ namespace kivbf {
 struct IntensityPreset {
     float scale;  // intensity_scale: multiplies the noise estimate
     float floor;  // intensity_floor: -3, -10, -20, -30, -30 dB as amplitudes
-    float limit;  // intensity_limit: mode 3 only
+    float limit;  // direction_slope: mode 3 only
 };
 
 // Intensities 3 and 4 share their floor and differ in scale and limit.

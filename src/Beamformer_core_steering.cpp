@@ -4,62 +4,35 @@
 
 #include "math_functions.h"
 #include "Beamformer_core.h"
+#include "Beamformer_core_modes.h"
 #include "vector_lanes.h"
 
 using namespace kivbf;
 using namespace kivbf::lanes;
 
 namespace {
-constexpr float kPowerScale = 256.0f;  // power estimates use the spectrum times 256
 constexpr float kCalibrationFloor = 1e-6f;
 
-// Modes 3 and 4 carry the post-filter, which needs the relative steering.
-bool HasPostFilter(const BfCoreState &s) { return s.mode == 3 || s.mode == 4; }
+// gain = sqrt(P0 / (Pm + 1e-6)) from the powers of the spectra scaled by 256;
+// the floor is added after the scaling by 256^2, where it takes effect.
+template <typename T>
+void CalibrateBins(BfCoreState &s, int32_t m, int32_t k) {
+    const T scale(kSpectrumScale);
+    const T power0 = Power(Scale(LoadComplex<T>(s.mic_spectrum[0], k), scale));
+    const Complex<T> x = LoadComplex<T>(s.mic_spectrum[m], k);
+    const T power = Power(Scale(x, scale)) + T(kCalibrationFloor);
+    const T gain = SquareRoot(Quotient(power0, power));
+    Store(s.calibration_gain, k, gain);
+    StoreComplex(s.mic_spectrum[m], k, Scale(x, gain));
+}
 }  // namespace
 
-// gain = sqrt(P0 / (Pm + 1e-6)) from the powers of the spectra scaled by 256,
-// bins 0..127 in lanes and bin 128 with the scalar operations; the floor is
-// added after the scaling by 256^2, where it takes effect.
 void Bf_Calibrate(BfCoreState &s) {
     for (int32_t i = 0; i < kSpectrumFloats; ++i) s.raw_mic1_spectrum[i] = s.mic_spectrum[1][i];
     if (s.calibration_flag != 1) return;
 
-    const float *reference = s.mic_spectrum[0];
-    float *gain = s.calibration_gain;
-    for (int32_t m = 1; m < kMics; ++m) {
-        float *spectrum = s.mic_spectrum[m];
-        ForEachLaneGroup(
-            kBins,
-            [&](int32_t k) {
-                const float32x4x2_t x0 = vld2q_f32(reference + 2 * k);
-                const float32x4_t re0 = vmulq_n_f32(x0.val[0], kPowerScale);
-                const float32x4_t im0 = vmulq_n_f32(x0.val[1], kPowerScale);
-                const float32x4_t power0 = vaddq_f32(vmulq_f32(re0, re0), vmulq_f32(im0, im0));
-                float32x4x2_t x = vld2q_f32(spectrum + 2 * k);
-                const float32x4_t re = vmulq_n_f32(x.val[0], kPowerScale);
-                const float32x4_t im = vmulq_n_f32(x.val[1], kPowerScale);
-                float32x4_t g = vaddq_f32(vmulq_f32(re, re), vmulq_f32(im, im));
-                g = vaddq_f32(g, vdupq_n_f32(kCalibrationFloor));
-                g = SquareRoot(vmulq_f32(power0, Reciprocal(g)));
-                vst1q_f32(gain + k, g);
-                x.val[0] = vmulq_f32(x.val[0], g);
-                x.val[1] = vmulq_f32(x.val[1], g);
-                vst2q_f32(spectrum + 2 * k, x);
-            },
-            [&](int32_t k) {
-                const float re0 = reference[2 * k] * kPowerScale;
-                const float im0 = reference[2 * k + 1] * kPowerScale;
-                const float power0 = re0 * re0 + im0 * im0;
-                const float re = spectrum[2 * k] * kPowerScale;
-                const float im = spectrum[2 * k + 1] * kPowerScale;
-                float g = re * re + im * im;
-                g = g + kCalibrationFloor;
-                g = ScalarSquareRoot(ScalarQuotient(power0, g));
-                gain[k] = g;
-                spectrum[2 * k] = spectrum[2 * k] * g;
-                spectrum[2 * k + 1] = spectrum[2 * k + 1] * g;
-            });
-    }
+    for (int32_t m = 1; m < kMics; ++m)
+        ForEachBin(kBins, [&](auto element, int32_t k) { CalibrateBins<decltype(element)>(s, m, k); });
 }
 
 void Bf_TargetSteering(BfCoreState &s) {
@@ -70,7 +43,7 @@ void Bf_TargetSteering(BfCoreState &s) {
                                   s.mic_position[m][1] * math::Sin(static_cast<double>(direction));
         s.steer_delay[m] = static_cast<float>(kTwoPi * projection / speed);
     }
-    if (!HasPostFilter(s)) return;
+    if (!TraitsOf(s).post_filter) return;  // only the post-filter needs the table
     // The table depends on the delays alone (the bin frequencies are fixed at
     // Init), so while direction, geometry and temperature hold it is still the
     // one the last block built. The delays are compared bit for bit: +0 and -0

@@ -79,3 +79,12 @@ TEST(Config, ClampsAreWrittenBackAndDerivedValuesFollow) {
         for (float bin : s.bin_loading) ASSERT_EQ(bin, static_cast<float>(static_cast<float>(loading_out) / 10000.0));
     }
 }
+
+// The dB-to-Q15 table: 32767 x 10^(dB / 20) cut toward zero, then steps of
+// one LSB at the bottom.
+TEST(Config, LevelTableHoldsTheQ15AmplitudeOfEachDecibel) {
+    for (int32_t db = -75; db <= 0; ++db)
+        EXPECT_EQ(Bf_VolTableLookup(db), static_cast<int32_t>(32767.0 * std::pow(10.0, db / 20.0))) << db;
+    const int32_t bottom[] = {4, 3, 2, 1, 1};  // -76 .. -80
+    for (int32_t i = 0; i < 5; ++i) EXPECT_EQ(Bf_VolTableLookup(-76 - i), bottom[i]);
+}

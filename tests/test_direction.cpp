@@ -16,9 +16,9 @@ constexpr float kPerfectMatchWeight = 0.952574f;  // 1 / (1 + e^-3)
 
 std::unique_ptr<BfCoreState> MakeState() {
     auto s = std::make_unique<BfCoreState>();  // zeroed
-    for (float &v : s->unit_vector) v = 1.0f;
+    for (float &v : s->ones) v = 1.0f;
     s->mode3_scale = 0.049787f;
-    s->intensity_limit = -6.0f;
+    s->direction_slope = -6.0f;
     s->band_weight_low = s->band_weight_wide = s->band_weight_mid = 1.0f;
     return s;
 }
@@ -68,6 +68,17 @@ TEST(Coherence, FlagNeedsFourCoherentBlocksAndCounterStaysWithinZeroToTen) {
     for (int block = 1; block <= 40; ++block) Block(*s, rng, nullptr);
     EXPECT_EQ(s->coherent_flag, 0);
     EXPECT_EQ(s->coherence_counter, 0);  // no wrap below zero
+
+    // Every bin at coherence `level`: just above 0.3 counts as coherent.
+    for (float level : {0.305f, 0.295f}) {
+        auto t = MakeState();
+        for (int32_t k = 0; k < kBins; ++k) {
+            t->avg_power[0][k] = t->avg_power[1][k] = 1.0f;
+            t->avg_cross[2 * k] = std::sqrt(level);
+        }
+        for (int block = 0; block < 4; ++block) Bf_CoherenceDetect(*t);
+        EXPECT_EQ(t->coherent_flag, level > 0.3f ? 1 : 0) << level;
+    }
 }
 
 // A source on the target direction scores 1 in every bin and gets the

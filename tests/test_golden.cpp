@@ -22,33 +22,19 @@
 #include <string>
 #include <vector>
 
+#include "scene.h"
 #include "support.h"
 
 namespace {
 
-constexpr int kHop = 128;
+using kivbf_scene::kHop;
 constexpr int kBlocks = 300;
 constexpr int kSamples = kBlocks * kHop;
 constexpr int kShownSamples = 4;
 
-// Integer-only scene, the same bytes on every platform: a voiced talker at
-// broadside speaking 36 blocks out of every 60 with 64-sample ramps, a
-// low-passed noise interferer that reaches microphone 0 two samples before
-// microphone 1, and independent sensor noise. The talker is above the
-// default -20 dBFS gate, the interferer alone below it. Nothing clips, in
-// or out, so wrapping and saturating output stages give the same figures.
-class Lcg {
-public:
-    explicit Lcg(uint32_t seed) : state_(seed) {}
-    int32_t Next() {  // uniform in [-32768, 32767]
-        state_ = state_ * 1664525u + 1013904223u;
-        return static_cast<int32_t>(state_ >> 16) - 32768;
-    }
-
-private:
-    uint32_t state_;
-};
-
+// A talker speaking 36 blocks out of every 60 with 64-sample ramps, above the
+// default -20 dBFS gate, the interferer alone below it. Nothing clips, in or
+// out, so wrapping and saturating output stages give the same figures.
 int32_t TalkerGainQ6(int n) {  // 0..64
     constexpr int kCycle = 60 * kHop, kPause = 24 * kHop, kRamp = 64;
     const int into = n % kCycle - kPause;
@@ -56,42 +42,12 @@ int32_t TalkerGainQ6(int n) {  // 0..64
     return std::min({kRamp, into, kCycle - kPause - into});
 }
 
-std::vector<int16_t> MakeScene() {
-    constexpr int32_t kA1 = 30870, kA2 = 15745;  // Q14 resonator near 600 Hz, r = 0.98
-    constexpr int kLag = 2;
-    Lcg excitation(11), interferer_source(12), sensor0(13), sensor1(14);
-    std::vector<int32_t> interferer(kSamples + kLag);
-    int32_t lowpass = 0;
-    for (int32_t &sample : interferer) {
-        lowpass += (interferer_source.Next() - lowpass) >> 3;
-        sample = lowpass / 4;
-    }
-    std::vector<int16_t> scene(2 * kSamples);
-    int32_t y1 = 0, y2 = 0;
-    for (int n = 0; n < kSamples; ++n) {
-        const int period = 90 + 20 * ((n / (60 * kHop)) % 3);  // pitch changes per burst
-        const int32_t pulse = (n % period == 0) ? 3000 : 0;
-        const int32_t y = ((kA1 * y1 - kA2 * y2) >> 14) + pulse + (excitation.Next() >> 6);
-        y2 = y1;
-        y1 = y;
-        const int32_t talker = y * TalkerGainQ6(n) / 48;
-        const int32_t mic0 = talker + interferer[n + kLag] + (sensor0.Next() >> 9);
-        const int32_t mic1 = talker + interferer[n] + (sensor1.Next() >> 9);
-        scene[2 * n] = static_cast<int16_t>(std::clamp(mic0, -32768, 32767));
-        scene[2 * n + 1] = static_cast<int16_t>(std::clamp(mic1, -32768, 32767));
-    }
-    return scene;
-}
-
-uint64_t Fnv1a64(const std::vector<int16_t> &samples) {
-    uint64_t hash = 14695981039346656037ull;
-    for (int16_t s : samples) {
-        const auto bits = static_cast<uint16_t>(s);
-        hash = (hash ^ (bits & 0xFFu)) * 1099511628211ull;
-        hash = (hash ^ (bits >> 8)) * 1099511628211ull;
-    }
-    return hash;
-}
+const kivbf_scene::Recipe kScene = {
+    .seeds = {11, 12, 13, 14}, .a1 = 30870, .a2 = 15745,  // near 600 Hz, r = 0.98
+    .pulse = 3000, .excitation_shift = 6, .interferer_shift = 3, .interferer_divisor = 4,
+    .sensor_shift = 9,
+    .pitch_period = [](int n) { return 90 + 20 * ((n / (60 * kHop)) % 3); },  // per burst
+    .talker = [](int32_t y, int n) { return y * TalkerGainQ6(n) / 48; }};
 
 struct GoldenCase {
     const char *name;
@@ -165,7 +121,7 @@ std::string Figures(const std::vector<int16_t> &output) {
     const long index = first == output.end() ? -1 : first - output.begin();
     char text[160];
     int length = std::snprintf(text, sizeof text, "%016llx %.3f %d %ld",
-                               static_cast<unsigned long long>(Fnv1a64(output)),
+                               static_cast<unsigned long long>(kivbf_scene::Fnv1a<uint64_t>(output)),
                                std::sqrt(static_cast<double>(energy) / kSamples), peak, index);
     for (auto it = first; it != output.end() && it - first < kShownSamples; ++it)
         length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), " %d", *it);
@@ -190,7 +146,7 @@ std::map<std::string, std::string> ReadGolden(const std::string &path) {
 
 TEST(Golden, EveryCaseReproducesItsRecordedOutput) {
     setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);
-    const std::vector<int16_t> scene = MakeScene();
+    const std::vector<int16_t> scene = kivbf_scene::MakeScene(kScene, kSamples);
     std::map<std::string, std::string> actual;
     actual["scene"] = Figures(scene);
     const char *dump_dir = std::getenv("KIVBF_GOLDEN_DUMP");

@@ -30,7 +30,7 @@ std::unique_ptr<BfCoreState> FreshState(uint32_t calibration_flag = 0) {
     for (int32_t k = 0; k < kBins; ++k) {
         s->bin_frequency[k] = static_cast<float>(k * 16000) / 256.0f;
         s->bin_loading[k] = 0.001f;
-        s->unit_vector[k] = 1.0f;
+        s->ones[k] = 1.0f;
         s->prior_snr_memory[0][k] = s->prior_snr_memory[1][k] = 1.0f;
     }
     Bf_ResetCovariance(*s);
@@ -75,6 +75,25 @@ TEST(NoiseEstimate, FirstBlockGainAndCalibratedSharedGain) {
             EXPECT_EQ(s->wiener_gain[1][k], s->wiener_gain[0][k]) << k;
             EXPECT_EQ(s->noise_psd[1][k], 0.0f);  // microphone 1 is not tracked
         }
+    }
+}
+
+// With the post-filter, microphone 0's speech-to-noise ratio G^2 P / lambda
+// (where the noise dominates, else 1) times G divides exactly, in lanes too.
+TEST(NoiseEstimate, SpeechToNoiseRatioIsTheExactQuotient) {
+    auto s = FreshState();
+    s->mode = 3;
+    for (int block = 0; block < 4; ++block) {
+        FillSpectra(*s);
+        for (float &x : s->mic_spectrum[0]) x *= 1.0f + 0.37f * block;
+        Bf_NoiseEstimate(*s);
+    }
+    for (int32_t k = 0; k < kBins; ++k) {
+        const float re = s->mic_spectrum[0][2 * k], im = s->mic_spectrum[0][2 * k + 1];
+        const float g = s->wiener_gain[0][k], noise = s->noise_psd[0][k];
+        const float speech = g * g * ((re * re + im * im) * 65536.0f);
+        const float ratio = noise >= speech ? (speech > 0.0f ? speech / noise : 0.0f) : 1.0f;
+        EXPECT_EQ(s->speech_noise_ratio[k], std::max(ratio * g, 0.01f)) << k;
     }
 }
 

@@ -2,22 +2,21 @@
 // Arithmetic is done on real 2 x 2 matrices (real and imaginary parts).
 //
 // The arithmetic itself is inline on the split form (Cmat2Parts), written once
-// for any element type with IEEE +, -, *, negation, Quotient and ReplaceZero:
-// float, or a type that holds four matrices side by side. A stage that keeps
-// its matrices in registers therefore performs exactly the operations of the
-// functions on 8-float arrays below, which split, call it and reassemble.
+// for either element type of vector_lanes.h (IEEE +, -, *, negation,
+// ExactQuotient and ReplaceZero): float, or Float4, four matrices side by
+// side. A stage that keeps its matrices in registers therefore performs
+// exactly the operations of the functions on 8-float arrays below, which
+// split, call it and reassemble.
 #pragma once
 
 #include <cstdint>
 
+#include "vector_lanes.h"
+
 inline constexpr int32_t kCmat2Floats = 8;
 
-// Element operations that are not plain operators; a lane type supplies its
-// own overloads, found when the templates below are instantiated with it.
-inline float Quotient(float a, float b) { return a / b; }
-
-// x, or `replacement` where x compares equal to zero.
-inline float ReplaceZero(float x, float replacement) { return x == 0.0f ? replacement : x; }
+using kivbf::lanes::ExactQuotient;
+using kivbf::lanes::ReplaceZero;
 
 // Real 2 x 2 matrix, row-major.
 template <typename T>
@@ -40,7 +39,7 @@ struct Cmat2Parts {
 template <typename T>
 [[gnu::always_inline]] inline Rmat2<T> rmat2_inverse(const Rmat2<T> &a) {
     const T determinant = ReplaceZero(a.a00 * a.a11 - a.a01 * a.a10, 1.0f);
-    const T reciprocal = Quotient(T(1.0f), determinant);
+    const T reciprocal = ExactQuotient(T(1.0f), determinant);
     return {a.a11 * reciprocal, -a.a01 * reciprocal, -a.a10 * reciprocal, a.a00 * reciprocal};
 }
 
@@ -80,8 +79,8 @@ template <typename T>
 template <typename T>
 [[gnu::always_inline]] inline Cmat2Parts<T> cmat2_parts_normalise(const Cmat2Parts<T> &m, T d_re, T d_im) {
     const T magnitude = ReplaceZero(d_re * d_re + d_im * d_im, 1e-6f);
-    const auto real = [&](T a_re, T a_im) { return Quotient(a_re * d_re + a_im * d_im, magnitude); };
-    const auto imag = [&](T a_re, T a_im) { return Quotient(d_re * a_im - d_im * a_re, magnitude); };
+    const auto real = [&](T a_re, T a_im) { return ExactQuotient(a_re * d_re + a_im * d_im, magnitude); };
+    const auto imag = [&](T a_re, T a_im) { return ExactQuotient(d_re * a_im - d_im * a_re, magnitude); };
     return {{real(m.re.a00, m.im.a00), real(m.re.a01, m.im.a01), real(m.re.a10, m.im.a10),
              real(m.re.a11, m.im.a11)},
             {imag(m.re.a00, m.im.a00), imag(m.re.a01, m.im.a01), imag(m.re.a10, m.im.a10),

@@ -1,9 +1,19 @@
-// Four-lane building blocks shared by the vector kernels and by stages that
-// fuse several kernels into one pass over the bins. A fused loop gives the
-// same bits as the kernels it replaces when it applies the same lane
-// operations to bins 0..127 and the same scalar operations to the tail: the
-// estimates behind Reciprocal and SquareRoot differ from IEEE division and
-// square root, so which bins take which path is part of the result.
+// Four-lane building blocks, and the one vocabulary in which per-bin stages
+// are written once over their element type.
+//
+// The lanes/last-bin rule: a per-bin stage runs bins 0..127 in groups of four
+// lanes (Float4) and bin 128 on its own (float), through one template body
+// (ForEachBin). Both instances apply the same IEEE operations in the same
+// order; they differ only where lanes and scalars differ by nature, and there
+// the body names the operation and each element type supplies its form:
+//   Quotient     refined reciprocal estimate times a in lanes, IEEE a / b on
+//                the last bin (denormal divisors count as zero in both)
+//   SquareRoot   refined reciprocal-root estimate in lanes, IEEE sqrt on the
+//                last bin
+//   Max, Min     NaN in, NaN out in both, as NEON's max and min have it
+// ExactQuotient is IEEE division in both, for stages whose quotients have
+// always been exact. A fused loop thus gives the bits of the element-wise
+// kernels it replaces, and which bins take which path is part of the result.
 #pragma once
 
 #if defined(__ARM_NEON)
@@ -25,7 +35,7 @@ inline constexpr int32_t kLanes = 4;
 
 // Calls lanes(i) for i = 0, 4, 8, ... while four indices remain below count,
 // then tail(i) for each index left. Indices count elements or, for complex
-// kernels, bins.
+// arrays, bins.
 template <typename Lanes, typename Tail>
 inline void ForEachLaneGroup(int32_t count, Lanes &&lanes, Tail &&tail) {
     int32_t i = 0;
@@ -36,9 +46,6 @@ inline void ForEachLaneGroup(int32_t count, Lanes &&lanes, Tail &&tail) {
 // How many of `count` indices ForEachLaneGroup hands to the lanes; the rest
 // go to the tail.
 constexpr int32_t LaneCount(int32_t count) { return count - count % kLanes; }
-
-// A complex length counts floats; a lone trailing float is not a bin.
-inline int32_t BinsOf(int32_t floats) { return floats / 2; }
 
 // Denormal divisors and radicands count as zero of the same sign, as they do
 // on NEON's flush-to-zero estimate instructions.
@@ -72,7 +79,6 @@ inline float32x4_t Reciprocal(float32x4_t b) {
     return vbslq_f32(exact, estimate, refined);
 }
 
-inline float ScalarQuotient(float a, float b) { return a / FlushDenormal(b); }
 
 // IEEE division in every lane, for stages whose quotients are exact scalar
 // divisions (not Reciprocal estimates). AArch64 has a vector division; ARMv7
@@ -115,17 +121,158 @@ inline float32x4_t SquareRoot(float32x4_t a) {
     return vbslq_f32(invalid, vdupq_n_f32(std::numeric_limits<float>::quiet_NaN()), result);
 }
 
-inline float ScalarSquareRoot(float a) { return std::sqrt(FlushDenormal(a)); }
+// --- The element types: Float4 (four bins) and float (the last bin) ----------
 
-// NEON's max/min return NaN when either operand is NaN; the tail matches.
-inline float ScalarMax(float x, float c) {
-    if (std::isnan(x) || std::isnan(c)) return std::numeric_limits<float>::quiet_NaN();
-    return x > c ? x : c;
+// Four floats, one per lane, with the element-wise IEEE operators.
+struct Float4 {
+    float32x4_t v;
+    Float4() = default;
+    explicit Float4(float32x4_t lanes) : v(lanes) {}
+    explicit Float4(float value) : v(vdupq_n_f32(value)) {}
+};
+
+inline Float4 operator+(Float4 a, Float4 b) { return Float4(vaddq_f32(a.v, b.v)); }
+inline Float4 operator-(Float4 a, Float4 b) { return Float4(vsubq_f32(a.v, b.v)); }
+inline Float4 operator*(Float4 a, Float4 b) { return Float4(vmulq_f32(a.v, b.v)); }
+inline Float4 operator-(Float4 a) {  // flips the sign bit, as scalar negation does
+    return Float4(vreinterpretq_f32_u32(
+        veorq_u32(vreinterpretq_u32_f32(a.v), vdupq_n_u32(0x80000000u))));
 }
 
-inline float ScalarMin(float x, float c) {
-    if (std::isnan(x) || std::isnan(c)) return std::numeric_limits<float>::quiet_NaN();
-    return x < c ? x : c;
+inline Float4 Quotient(Float4 a, Float4 b) { return a * Float4(Reciprocal(b.v)); }
+inline float Quotient(float a, float b) { return a / FlushDenormal(b); }
+inline Float4 ExactQuotient(Float4 a, Float4 b) { return Float4(ExactQuotient(a.v, b.v)); }
+inline float ExactQuotient(float a, float b) { return a / b; }
+inline Float4 SquareRoot(Float4 a) { return Float4(SquareRoot(a.v)); }
+inline float SquareRoot(float a) { return std::sqrt(FlushDenormal(a)); }
+
+inline Float4 Max(Float4 a, Float4 b) { return Float4(vmaxq_f32(a.v, b.v)); }
+inline float Max(float a, float b) {
+    if (std::isnan(a) || std::isnan(b)) return std::numeric_limits<float>::quiet_NaN();
+    return a > b ? a : b;
+}
+inline Float4 Min(Float4 a, Float4 b) { return Float4(vminq_f32(a.v, b.v)); }
+inline float Min(float a, float b) {
+    if (std::isnan(a) || std::isnan(b)) return std::numeric_limits<float>::quiet_NaN();
+    return a < b ? a : b;
+}
+
+// Comparisons give a mask (all ones where true) in lanes, a bool on a float.
+inline uint32x4_t Greater(Float4 a, Float4 b) { return vcgtq_f32(a.v, b.v); }
+inline bool Greater(float a, float b) { return a > b; }
+inline uint32x4_t GreaterEqual(Float4 a, Float4 b) { return vcgeq_f32(a.v, b.v); }
+inline bool GreaterEqual(float a, float b) { return a >= b; }
+inline uint32x4_t Both(uint32x4_t a, uint32x4_t b) { return vandq_u32(a, b); }
+inline bool Both(bool a, bool b) { return a && b; }
+inline Float4 Select(uint32x4_t mask, Float4 yes, Float4 no) {
+    return Float4(vbslq_f32(mask, yes.v, no.v));
+}
+inline float Select(bool mask, float yes, float no) { return mask ? yes : no; }
+
+// x, or `replacement` where x compares equal to zero.
+inline Float4 ReplaceZero(Float4 x, float replacement) {
+    return Select(vceqq_f32(x.v, vdupq_n_f32(0.0f)), Float4(replacement), x);
+}
+inline float ReplaceZero(float x, float replacement) { return x == 0.0f ? replacement : x; }
+
+// Element k (and, for Float4, the three after it) of a real array.
+template <typename T>
+T Load(const float *a, int32_t k);
+template <>
+inline float Load<float>(const float *a, int32_t k) { return a[k]; }
+template <>
+inline Float4 Load<Float4>(const float *a, int32_t k) { return Float4(vld1q_f32(a + k)); }
+inline void Store(float *a, int32_t k, float v) { a[k] = v; }
+inline void Store(float *a, int32_t k, Float4 v) { vst1q_f32(a + k, v.v); }
+
+// --- Complex bins: split into real and imaginary parts ------------------------
+
+template <typename T>
+struct Complex {
+    T re;
+    T im;
+};
+
+// Bin k (and the three after it) of an interleaved complex array.
+template <typename T>
+Complex<T> LoadComplex(const float *a, int32_t k);
+template <>
+inline Complex<float> LoadComplex<float>(const float *a, int32_t k) {
+    return {a[2 * k], a[2 * k + 1]};
+}
+template <>
+inline Complex<Float4> LoadComplex<Float4>(const float *a, int32_t k) {
+    const float32x4x2_t v = vld2q_f32(a + 2 * k);
+    return {Float4(v.val[0]), Float4(v.val[1])};
+}
+inline void StoreComplex(float *a, int32_t k, Complex<float> v) {
+    a[2 * k] = v.re;
+    a[2 * k + 1] = v.im;
+}
+inline void StoreComplex(float *a, int32_t k, Complex<Float4> v) {
+    float32x4x2_t pair;
+    pair.val[0] = v.re.v;
+    pair.val[1] = v.im.v;
+    vst2q_f32(a + 2 * k, pair);
+}
+
+// The values as an interleaved array holds them: groups of `kStride` floats,
+// part[0] at 2k, part[1] at 2k + kStride.
+template <typename T>
+struct Interleaved;
+template <>
+struct Interleaved<float> {
+    static constexpr int32_t kStride = 1;
+    float part[2];
+    explicit Interleaved(Complex<float> v) : part{v.re, v.im} {}
+};
+template <>
+struct Interleaved<Float4> {
+    static constexpr int32_t kStride = kLanes;
+    Float4 part[2];
+    explicit Interleaved(Complex<Float4> v) {
+        const float32x4x2_t zipped = vzipq_f32(v.re.v, v.im.v);
+        part[0] = Float4(zipped.val[0]);
+        part[1] = Float4(zipped.val[1]);
+    }
+};
+
+template <typename T>
+Complex<T> operator+(Complex<T> a, Complex<T> b) { return {a.re + b.re, a.im + b.im}; }
+
+// a * b
+template <typename T>
+Complex<T> Product(Complex<T> a, Complex<T> b) {
+    return {a.re * b.re - a.im * b.im, a.re * b.im + a.im * b.re};
+}
+
+// conj(a) * b
+template <typename T>
+Complex<T> ConjugateProduct(Complex<T> a, Complex<T> b) {
+    return {a.re * b.re + a.im * b.im, a.re * b.im - a.im * b.re};
+}
+
+template <typename T>
+Complex<T> Conjugate(Complex<T> a) { return {a.re, -a.im}; }
+
+// Both parts times a real g.
+template <typename T>
+Complex<T> Scale(Complex<T> a, T g) { return {a.re * g, a.im * g}; }
+
+// Both parts over a real d, each by Quotient.
+template <typename T>
+Complex<T> DivideByReal(Complex<T> a, T d) { return {Quotient(a.re, d), Quotient(a.im, d)}; }
+
+// re^2 + im^2
+template <typename T>
+T Power(Complex<T> a) { return a.re * a.re + a.im * a.im; }
+
+// Calls body(T(), k) with T = Float4 for the bins ForEachLaneGroup hands to
+// the lanes and T = float for the rest: one body, both instances.
+template <typename Body>
+inline void ForEachBin(int32_t count, Body &&body) {
+    ForEachLaneGroup(
+        count, [&](int32_t k) { body(Float4(0.0f), k); }, [&](int32_t k) { body(0.0f, k); });
 }
 
 }  // namespace kivbf::lanes

@@ -38,7 +38,7 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(band_weight_wide);
     KIVBF_VISIT(band_weight_mid);
     KIVBF_VISIT(mode3_scale);
-    KIVBF_VISIT(intensity_limit);
+    KIVBF_VISIT(direction_slope);
     KIVBF_VISIT(pf_mix);
     KIVBF_VISIT(mic_spectrum);
     KIVBF_VISIT(mic_phase_rate);
@@ -47,12 +47,16 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(calibration_gain);
     KIVBF_VISIT(steer_delay);
     KIVBF_VISIT(target_steering);
+    KIVBF_VISIT(target_steering_delay);
     KIVBF_VISIT(noise_psd);
     KIVBF_VISIT(spp_smoothed);
     KIVBF_VISIT(prior_snr_memory);
     KIVBF_VISIT(wiener_gain);
+    KIVBF_VISIT(ones);
     KIVBF_VISIT(speech_noise_ratio);
     KIVBF_VISIT(noise_covariance);
+    KIVBF_VISIT(mvdr_steering);
+    KIVBF_VISIT(mvdr_steering_delay);
     KIVBF_VISIT(power_history);
     KIVBF_VISIT(avg_power);
     KIVBF_VISIT(cross_history);
@@ -63,6 +67,7 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(beam_output);
     KIVBF_VISIT(anc_filter);
     KIVBF_VISIT(reference_power);
+    KIVBF_VISIT(unity_gain);
     KIVBF_VISIT(pf_raw_gain);
 #undef KIVBF_VISIT
 }
