@@ -45,11 +45,11 @@ constexpr float kMinConfidence = 0.05f;     // below it the estimate holds
 constexpr float kGridStep = 2.0f / static_cast<float>(kLocateGrid - 1);
 float GridSine(int32_t g) { return -1.0f + kGridStep * static_cast<float>(g); }
 
-inline float Max(float a, float b) { return lanes::ScalarMax(a, b); }
+inline float Max(float a, float b) { return lanes::Max(a, b); }
 inline float32x4_t Max(float32x4_t a, float32x4_t b) { return vmaxq_f32(a, b); }
-inline float Min(float a, float b) { return lanes::ScalarMin(a, b); }
+inline float Min(float a, float b) { return lanes::Min(a, b); }
 inline float32x4_t Min(float32x4_t a, float32x4_t b) { return vminq_f32(a, b); }
-inline float Root(float a) { return lanes::ScalarSquareRoot(a); }
+inline float Root(float a) { return lanes::SquareRoot(a); }
 inline float32x4_t Root(float32x4_t a) { return lanes::SquareRoot(a); }
 inline float Load(const float *p, float) { return *p; }
 inline float32x4_t Load(const float *p, float32x4_t) { return vld1q_f32(p); }
