@@ -112,7 +112,10 @@ constexpr uint32_t RecipSqrtEstimateBits(uint32_t x) {
     return result_exponent << 23 | static_cast<uint32_t>(kRecipSqrtTable[scaled - 128]) << 15;
 }
 
-// IEEE division in four lanes (x86 divps, AArch64 fdiv; ARMv7 lane by lane).
+// IEEE division in four lanes, the same bits as four scalar divisions: AArch64
+// has a vector division; ARMv7 NEON has none, so there each lane divides
+// alone; SIMDe keeps float32x4_t as __m128 on x86 but offers no vdivq_f32, so
+// SSE divides the lanes.
 inline float32x4_t Divide(float32x4_t a, float32x4_t b) {
 #if defined(__aarch64__)
     return vdivq_f32(a, b);

@@ -30,6 +30,8 @@
 #include <cstdint>
 #include <limits>
 
+#include "arm_estimates.h"
+
 namespace kivbf::math {
 
 namespace element {
@@ -45,18 +47,7 @@ inline float32x4_t Sub(float32x4_t a, float32x4_t b) { return vsubq_f32(a, b); }
 inline float Mul(float a, float b) { return a * b; }
 inline float32x4_t Mul(float32x4_t a, float32x4_t b) { return vmulq_f32(a, b); }
 inline float Div(float a, float b) { return a / b; }
-inline float32x4_t Div(float32x4_t a, float32x4_t b) {
-#if defined(__aarch64__)
-    return vdivq_f32(a, b);
-#else  // no NEON division before AArch64: each lane divides alone
-    float x[4];
-    float y[4];
-    vst1q_f32(x, a);
-    vst1q_f32(y, b);
-    for (int32_t i = 0; i < 4; ++i) x[i] = x[i] / y[i];
-    return vld1q_f32(x);
-#endif
-}
+inline float32x4_t Div(float32x4_t a, float32x4_t b) { return estimates::Divide(a, b); }
 
 // Masks: all ones where true.
 inline uint32_t Less(float a, float b) { return a < b ? ~0u : 0u; }

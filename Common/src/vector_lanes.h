@@ -84,20 +84,7 @@ inline float32x4_t Reciprocal(float32x4_t b) {
 // divisions (not Reciprocal estimates). AArch64 has a vector division; ARMv7
 // NEON has none, so there each lane divides alone. SIMDe keeps float32x4_t as
 // __m128 on x86 but offers no vdivq_f32, so SSE divides the lanes.
-inline float32x4_t ExactQuotient(float32x4_t a, float32x4_t b) {
-#if defined(__aarch64__)
-    return vdivq_f32(a, b);
-#elif !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
-    return _mm_div_ps(a, b);
-#else
-    float x[kLanes];
-    float y[kLanes];
-    vst1q_f32(x, a);
-    vst1q_f32(y, b);
-    for (int32_t i = 0; i < kLanes; ++i) x[i] = x[i] / y[i];
-    return vld1q_f32(x);
-#endif
-}
+inline float32x4_t ExactQuotient(float32x4_t a, float32x4_t b) { return estimates::Divide(a, b); }
 
 // sqrt(a) = a * (1 / sqrt(a)): ARM's reciprocal square-root estimate with one
 // Newton-Raphson step, x (3 - a x^2) / 2 in separate roundings (vrsqrtsq_f32
