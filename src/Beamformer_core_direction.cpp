@@ -128,6 +128,6 @@ void Bf_DirectionScore(BfCoreState &s) {
 void Bf_DirectionWeight(BfCoreState &s) {
     float work[kBins];
     ForEachBin(kBins, [&](auto element, int32_t k) { DirectionExponent<decltype(element)>(s, k, work); });
-    for (float &w : work) w = math::ExpF(w);
+    math::ExpFInPlace(work, kBins);
     ForEachBin(kBins, [&](auto element, int32_t k) { DirectionWeightBins<decltype(element)>(s, k, work); });
 }

@@ -128,8 +128,7 @@ void Bf_NoiseEstimate(BfCoreState &s) {
                            kSpeechRatioFloor[intensity]};
         ForEachBin(kBins, [&](auto element, int32_t k) { PowerPass<decltype(element)>(s, pass, k); });
         // Apart so that the passes around it keep their constants in registers.
-        if (!pass.first_block)
-            for (int32_t k = 0; k < kBins; ++k) s.ne_presence[k] = math::ExpF(s.ne_presence[k]);
+        if (!pass.first_block) math::ExpFInPlace(s.ne_presence, kBins);
         ForEachBin(kBins, [&](auto element, int32_t k) { UpdatePass<decltype(element)>(s, pass, k); });
     }
     if (s.noise_counter < 2) ++s.noise_counter;

@@ -179,6 +179,14 @@ inline T LogF(T x) {
     return Select(nan, x, y);
 }
 
+// e^x in place over an array, four lanes at a time: the same bits as one
+// value at a time.
+inline void ExpFInPlace(float *values, int32_t count) {
+    int32_t i = 0;
+    for (; i + 4 <= count; i += 4) vst1q_f32(values + i, ExpF(vld1q_f32(values + i)));
+    for (; i < count; ++i) values[i] = ExpF(values[i]);
+}
+
 // Double precision, scalar only (the per-bin paths are float).
 double Exp(double x);
 double Sin(double x);
