@@ -140,7 +140,7 @@ TEST(Enhanced, SwitchCodesAndOffByDefault) {
 
 // After SetMode the handle runs the new mode exactly as one that never ran
 // the enhanced mode, from the first block whose frame lies after the switch.
-TEST(Enhanced, SetModeLeavesTheSpecifiedModeAsAlways) {
+TEST(Enhanced, SetModeLeavesTheChosenModeAsAlways) {
     const std::vector<int16_t> pcm = Scene(kHop * 500, 30);
     const size_t before = 300;
     for (uint32_t mode : {0u, 2u, 3u}) {
