@@ -151,7 +151,10 @@ void Build(BfCoreState &s) {
     const float axis = s.mic_position[1][0] - s.mic_position[0][0];
     const double bin_width = static_cast<double>(s.sample_rate) / kFftSize;
     const double aliasing = s.speed_of_sound / (2.0 * std::fabs(static_cast<double>(axis)));
-    int32_t first = static_cast<int32_t>(std::ceil(kLowestFrequency / bin_width));
+    // Rounded up by hand: ARMv7 has no rounding instruction and would call libm.
+    const double lowest_bin = kLowestFrequency / bin_width;
+    int32_t first = static_cast<int32_t>(lowest_bin);
+    if (first < lowest_bin) ++first;
     if (first < 1) first = 1;
     int32_t last = static_cast<int32_t>(aliasing / bin_width);
     if (last > kBins - 1) last = kBins - 1;
