@@ -42,10 +42,10 @@ G_DEFINE_TYPE(GstKivbf, gst_kivbf, GST_TYPE_BASE_TRANSFORM)
 namespace {
 
 // Property ids are the control index plus one.
-void SetProperty(GObject *object, guint id, const GValue *value, GParamSpec *spec) {
+void SetProperty(GObject *object, guint id, const GValue *value, GParamSpec *property_info) {
     auto *self = reinterpret_cast<GstKivbf *>(object);
     if (id == 0 || id > kControlCount) {
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property_info);
         return;
     }
     const float v = kControls[id - 1].integer ? static_cast<float>(g_value_get_int(value))
@@ -55,10 +55,10 @@ void SetProperty(GObject *object, guint id, const GValue *value, GParamSpec *spe
     GST_OBJECT_UNLOCK(self);
 }
 
-void GetProperty(GObject *object, guint id, GValue *value, GParamSpec *spec) {
+void GetProperty(GObject *object, guint id, GValue *value, GParamSpec *property_info) {
     auto *self = reinterpret_cast<GstKivbf *>(object);
     if (id == 0 || id > kControlCount) {
-        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+        G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, property_info);
         return;
     }
     GST_OBJECT_LOCK(self);
@@ -195,11 +195,11 @@ static void gst_kivbf_class_init(GstKivbfClass *klass) {
         gchar *property = g_strdelimit(g_strdup(c.symbol), "_", '-');
         const auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                                     GST_PARAM_MUTABLE_PLAYING);
-        GParamSpec *spec =
+        GParamSpec *property_info =
             c.integer ? g_param_spec_int(property, c.name, c.name, static_cast<gint>(c.low),
                                          static_cast<gint>(c.high), static_cast<gint>(c.initial), flags)
                       : g_param_spec_float(property, c.name, c.name, c.low, c.high, c.initial, flags);
-        g_object_class_install_property(object_class, i + 1, spec);
+        g_object_class_install_property(object_class, i + 1, property_info);
     }
     GstElementClass *element_class = GST_ELEMENT_CLASS(klass);
     gst_element_class_set_static_metadata(

@@ -133,9 +133,9 @@ def render(scene):
     seeds = np.random.SeedSequence(scene["seed"]).spawn(len(scene["noise"]) + 2)
     rng = [np.random.default_rng(s) for s in seeds]
 
-    spec = scene["talker"]
-    speech = signals.source_signal("talker", rng[0], frames, rate, spec.get("voice"))
-    talker = _point_image(scene, spec, speech, mics, c)
+    talker_source = scene["talker"]
+    speech = signals.source_signal("talker", rng[0], frames, rate, talker_source.get("voice"))
+    talker = _point_image(scene, talker_source, speech, mics, c)
     talker *= 10.0 ** (scene["talker_dbfs"] / 20.0) / _rms(talker[:, 0])
 
     noise = np.zeros((frames, 2))
@@ -156,5 +156,5 @@ def render(scene):
     input_snr = 10.0 * np.log10(np.sum(talker[:, 0] ** 2) / np.sum(noise[:, 0] ** 2))
     return RenderedScene(
         name=scene["name"], sample_rate=rate, spacing_cm=scene["array"]["spacing_cm"],
-        look=float(scene.get("look", spec.get("azimuth", 0.0))), library={"temperature": scene["temperature"], **scene["library"]},
+        look=float(scene.get("look", talker_source.get("azimuth", 0.0))), library={"temperature": scene["temperature"], **scene["library"]},
         talker=talker, noise=noise, input_snr_db=float(input_snr), description=describe(scene))
