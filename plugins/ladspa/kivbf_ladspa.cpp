@@ -4,36 +4,16 @@
 
 #include <new>
 
-#include "beam_core.h"
+#include "port_instance.h"
 
 namespace {
 
-constexpr unsigned long kPortInLeft = 0, kPortInRight = 1, kPortOut = 2, kPortFirstControl = 3;
-constexpr unsigned long kPortLatency = kPortFirstControl + kControlCount;
-constexpr unsigned long kPortCount = kPortLatency + 1;
 // Not taken by another plugin in the LADSPA registry's published ranges.
 constexpr unsigned long kUniqueId = 4799;
 
-struct Instance {
-    BeamCore core;
-    uint32_t rate = 0;
-    const LADSPA_Data *in_left = nullptr;
-    const LADSPA_Data *in_right = nullptr;
-    LADSPA_Data *out = nullptr;
-    const LADSPA_Data *control[kControlCount] = {};
-    LADSPA_Data *latency = nullptr;
-};
-
-BeamControls ReadControls(const Instance &instance) {
-    BeamControls controls = DefaultControls();
-    for (uint32_t i = 0; i < kControlCount; ++i)
-        if (instance.control[i] != nullptr) controls.value[i] = *instance.control[i];
-    return controls;
-}
-
 LADSPA_Handle Instantiate(const LADSPA_Descriptor *, unsigned long rate) {
     BeamMessagesToStderr();
-    auto *instance = new (std::nothrow) Instance;
+    auto *instance = new (std::nothrow) PortInstance;
     if (instance == nullptr) return nullptr;
     instance->rate = static_cast<uint32_t>(rate);
     if (!instance->core.Start(instance->rate, DefaultControls())) {
@@ -44,27 +24,16 @@ LADSPA_Handle Instantiate(const LADSPA_Descriptor *, unsigned long rate) {
 }
 
 void ConnectPort(LADSPA_Handle handle, unsigned long port, LADSPA_Data *data) {
-    auto *instance = static_cast<Instance *>(handle);
-    if (port == kPortInLeft) instance->in_left = data;
-    else if (port == kPortInRight) instance->in_right = data;
-    else if (port == kPortOut) instance->out = data;
-    else if (port == kPortLatency) instance->latency = data;
-    else if (port < kPortLatency) instance->control[port - kPortFirstControl] = data;
+    if (port < kPortCount) static_cast<PortInstance *>(handle)->Connect(static_cast<uint32_t>(port), data);
 }
 
-void Activate(LADSPA_Handle handle) {
-    auto *instance = static_cast<Instance *>(handle);
-    (void)instance->core.Start(instance->rate, ReadControls(*instance));
-}
+void Activate(LADSPA_Handle handle) { static_cast<PortInstance *>(handle)->Activate(); }
 
 void Run(LADSPA_Handle handle, unsigned long frames) {
-    auto *instance = static_cast<Instance *>(handle);
-    if (instance->latency != nullptr) *instance->latency = kPluginLatencyFrames;
-    instance->core.Process(instance->in_left, instance->in_right, 1, instance->out, frames,
-                           ReadControls(*instance));
+    static_cast<PortInstance *>(handle)->Run(static_cast<uint32_t>(frames));
 }
 
-void Cleanup(LADSPA_Handle handle) { delete static_cast<Instance *>(handle); }
+void Cleanup(LADSPA_Handle handle) { delete static_cast<PortInstance *>(handle); }
 
 struct PortTables {
     LADSPA_PortDescriptor kinds[kPortCount];

@@ -4,35 +4,16 @@
 
 #include <new>
 
-#include "beam_core.h"
+#include "port_instance.h"
 
 namespace {
 
 constexpr const char *kUri = "urn:kivbf:beamformer";
-constexpr uint32_t kPortInLeft = 0, kPortInRight = 1, kPortOut = 2, kPortFirstControl = 3;
-constexpr uint32_t kPortLatency = kPortFirstControl + kControlCount;
-
-struct Instance {
-    BeamCore core;
-    uint32_t rate = 0;
-    const float *in_left = nullptr;
-    const float *in_right = nullptr;
-    float *out = nullptr;
-    const float *control[kControlCount] = {};
-    float *latency = nullptr;
-};
-
-BeamControls ReadControls(const Instance &instance) {
-    BeamControls controls = DefaultControls();
-    for (uint32_t i = 0; i < kControlCount; ++i)
-        if (instance.control[i] != nullptr) controls.value[i] = *instance.control[i];
-    return controls;
-}
 
 LV2_Handle Instantiate(const LV2_Descriptor *, double rate, const char *,
                        const LV2_Feature *const *) {
     BeamMessagesToStderr();
-    auto *instance = new (std::nothrow) Instance;
+    auto *instance = new (std::nothrow) PortInstance;
     if (instance == nullptr) return nullptr;
     instance->rate = static_cast<uint32_t>(rate);
     if (static_cast<double>(instance->rate) != rate ||
@@ -44,27 +25,16 @@ LV2_Handle Instantiate(const LV2_Descriptor *, double rate, const char *,
 }
 
 void ConnectPort(LV2_Handle handle, uint32_t port, void *data) {
-    auto *instance = static_cast<Instance *>(handle);
-    if (port == kPortInLeft) instance->in_left = static_cast<const float *>(data);
-    else if (port == kPortInRight) instance->in_right = static_cast<const float *>(data);
-    else if (port == kPortOut) instance->out = static_cast<float *>(data);
-    else if (port == kPortLatency) instance->latency = static_cast<float *>(data);
-    else if (port < kPortLatency) instance->control[port - kPortFirstControl] = static_cast<const float *>(data);
+    static_cast<PortInstance *>(handle)->Connect(static_cast<uint32_t>(port), data);
 }
 
-void Activate(LV2_Handle handle) {
-    auto *instance = static_cast<Instance *>(handle);
-    (void)instance->core.Start(instance->rate, ReadControls(*instance));
-}
+void Activate(LV2_Handle handle) { static_cast<PortInstance *>(handle)->Activate(); }
 
 void Run(LV2_Handle handle, uint32_t frames) {
-    auto *instance = static_cast<Instance *>(handle);
-    if (instance->latency != nullptr) *instance->latency = kPluginLatencyFrames;
-    instance->core.Process(instance->in_left, instance->in_right, 1, instance->out, frames,
-                           ReadControls(*instance));
+    static_cast<PortInstance *>(handle)->Run(static_cast<uint32_t>(frames));
 }
 
-void Cleanup(LV2_Handle handle) { delete static_cast<Instance *>(handle); }
+void Cleanup(LV2_Handle handle) { delete static_cast<PortInstance *>(handle); }
 
 const LV2_Descriptor kDescriptor = {kUri, Instantiate, ConnectPort, Activate,
                                     Run,  nullptr,     Cleanup,     nullptr};
