@@ -8,66 +8,39 @@
 // the noise alone well below it.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
 
 #include "AudioBfProcess.h"
+#include "../tests/scene.h"
 
 namespace kivbf_bench {
 
-inline constexpr int kHop = 128;
+using kivbf_scene::kHop;
 inline constexpr uint32_t kSampleRate = 16000;
 inline constexpr float kDistanceCm = 5.0f;
 inline constexpr float kLookAngle = 0.0f;  // broadside
 inline constexpr int kWarmUpBlocks = 300;
 inline constexpr int kStreamBlocks = 250;
 
-enum class Talker { kBursts, kAlways, kNever };
-
-class Lcg {
-public:
-    explicit Lcg(uint32_t seed) : state_(seed) {}
-    int32_t Next() {
-        state_ = state_ * 1103515245u + 12345u;
-        return static_cast<int32_t>(state_ >> 16) - 32768;
-    }
-
-private:
-    uint32_t state_;
-};
+enum class Talker { kBursts, kAlways, kNever };  // indexes MakeScene's voice table
 
 // Interleaved PCM, `blocks` blocks. Bursts: 30 blocks of speech, 20 of pause.
+// A resonance near 700 Hz driven by a pitch train that glides per burst.
 inline std::vector<int16_t> MakeScene(Talker talker, int blocks) {
-    const int samples = blocks * kHop;
-    constexpr int kLag = 2;
-    Lcg glottal(3), noise_source(5), sensor0(7), sensor1(9);
-    std::vector<int32_t> noise(samples + kLag);
-    int32_t lowpass = 0;
-    for (int32_t &sample : noise) {
-        lowpass += (noise_source.Next() - lowpass) >> 2;
-        sample = lowpass / 6;
-    }
-    std::vector<int16_t> scene(2 * samples);
-    int32_t y1 = 0, y2 = 0;
-    for (int n = 0; n < samples; ++n) {
-        const int block = n / kHop;
-        bool on = talker == Talker::kAlways;
-        if (talker == Talker::kBursts) on = block % 50 < 30;
-        // A resonance near 700 Hz driven by a pitch train that glides per burst.
-        const int period = 100 + 4 * ((block / 50) % 6);
-        const int32_t pulse = (n % period == 0) ? 4000 : 0;
-        const int32_t y = ((30600 * y1 - 15700 * y2) >> 14) + pulse + (glottal.Next() >> 5);
-        y2 = y1;
-        y1 = y;
-        const int32_t voice = on ? y / 2 : 0;
-        const int32_t mic0 = voice + noise[n + kLag] + (sensor0.Next() >> 9);
-        const int32_t mic1 = voice + noise[n] + (sensor1.Next() >> 9);
-        scene[2 * n] = static_cast<int16_t>(std::clamp(mic0, -32768, 32767));
-        scene[2 * n + 1] = static_cast<int16_t>(std::clamp(mic1, -32768, 32767));
-    }
-    return scene;
+    static constexpr int32_t (*kVoice[])(int32_t, int) = {
+        [](int32_t y, int n) { return (n / kHop) % 50 < 30 ? y / 2 : 0; },
+        [](int32_t y, int) { return y / 2; },
+        [](int32_t, int) { return 0; },
+    };
+    const kivbf_scene::Recipe recipe = {
+        .multiplier = 1103515245u, .increment = 12345u, .seeds = {3, 5, 7, 9}, .a1 = 30600, .a2 = 15700,
+        .pulse = 4000, .excitation_shift = 5, .interferer_shift = 2, .interferer_divisor = 6,
+        .sensor_shift = 9,
+        .pitch_period = [](int n) { return 100 + 4 * ((n / kHop / 50) % 6); },
+        .talker = kVoice[static_cast<int>(talker)]};
+    return kivbf_scene::MakeScene(recipe, blocks * kHop);
 }
 
 // One 16-byte aligned working buffer with a handle in `mode`, configured as

@@ -1,5 +1,6 @@
 // The integer-only two-microphone scenes that pin the library's output
-// (test_golden, test_cross_arch): the same bytes on every platform. A voiced
+// (test_golden) and that the benchmarks measure (bench/scene.h): the same
+// bytes on every platform. A voiced
 // talker at broadside (a Q14 resonator driven by a pitch pulse train and
 // noise, the same signal at both microphones), a low-passed noise interferer
 // that reaches microphone 0 two samples before microphone 1, and independent
