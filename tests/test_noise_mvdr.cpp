@@ -144,20 +144,34 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
     }
 }
 
-TEST(AdaptiveWeights, FollowDirectionAndGeometryChangesExactly) {
-    // A state that has built its weights for another look direction and
-    // microphone spacing ends with exactly the weights of a fresh one.
-    const auto weights_for = [](BfCoreState &s, float angle, float half_spacing) {
-        s.target_angle = angle;
-        s.mic_position[0][0] = -half_spacing;
-        s.mic_position[1][0] = half_spacing;
+// The target steering table and the MVDR steering vectors are kept between
+// blocks while their delays hold. A table that outlived a change would steer
+// at the old talker without any other symptom, so a state that has built them
+// for other directions, spacings, speeds of sound and modes must end with
+// exactly the table and weights of a fresh one.
+TEST(AdaptiveWeights, KeptTablesFollowEveryChangeExactly) {
+    struct Setting {
+        float angle, half_spacing, speed;
+        uint32_t mode;
+    };
+    const auto build = [](BfCoreState &s, const Setting &c) {
+        s.target_angle = c.angle;
+        s.mic_position[0][0] = -c.half_spacing;
+        s.mic_position[1][0] = c.half_spacing;
+        s.speed_of_sound = c.speed;
+        s.mode = c.mode;
         Bf_TargetSteering(s);
         Bf_AdaptiveWeights(s);
-        return std::vector<float>(&s.beam_weights[0][0], &s.beam_weights[0][0] + 2 * kSpectrumFloats);
+        std::vector<float> kept(&s.beam_weights[0][0], &s.beam_weights[0][0] + 2 * kSpectrumFloats);
+        if (c.mode == 3)  // only the post-filter builds the table
+            kept.insert(kept.end(), std::begin(s.target_steering), std::end(s.target_steering));
+        return kept;
     };
+    // Mode 0 moves the delays without building the table; back in mode 3 it must catch up.
+    const Setting sequence[] = {{35, 0.025f, 343, 3}, {35, 0.025f, 343, 3}, {80, 0.025f, 343, 3},
+                                {80, 0.025f, 352, 3}, {80, 0.04f, 352, 3},  {100, 0.04f, 352, 0},
+                                {100, 0.04f, 352, 3}, {35, 0.025f, 343, 3}};
     auto reused = FreshState();
-    weights_for(*reused, 35.0f, 0.025f);
-    weights_for(*reused, 80.0f, 0.025f);
-    EXPECT_EQ(weights_for(*reused, 80.0f, 0.04f), weights_for(*FreshState(), 80.0f, 0.04f));
-    EXPECT_EQ(weights_for(*reused, 35.0f, 0.025f), weights_for(*FreshState(), 35.0f, 0.025f));
+    for (const Setting &c : sequence)
+        EXPECT_EQ(build(*reused, c), build(*FreshState(), c)) << c.angle << " " << c.speed << " " << c.mode;
 }
