@@ -14,7 +14,6 @@
 #include <memory>
 #include <vector>
 
-#include "AudioVadProcess.h"
 #include "webrtc/webrtc_vad.h"
 
 extern "C" {
@@ -134,25 +133,6 @@ TEST(VadOracle, AgreesWithReferenceInAllModes) {
         EXPECT_EQ(mismatches[mode], 0) << "mode " << mode;
         EXPECT_TRUE(speech[mode] > kBlocks / 20 && speech[mode] < kBlocks - kBlocks / 20) << speech[mode];
     }
-}
-
-// The wrapper drives the same detector on 16 kHz blocks it halves itself;
-// sensitivity 0 is aggressiveness 3.
-TEST(VadOracle, WrapperMatchesTheReference) {
-    alignas(16) unsigned char memory[kKivVadInstanceSize];
-    const KivVadSetup setup{128, 1, 16000};
-    const KivVadInit init{100, 0};
-    void *vad = KivVad_Init(memory, &setup);
-    ASSERT_TRUE(KivVad_Config(vad, &init) == 0 && KivVad_SetMode(vad, 1) == 0);
-    const Reference ref = MakeReference(3);
-    SignalSource source(777u);
-    int16_t block[kBlock];
-    int mismatches = 0;
-    for (int b = 0; b < 10000; ++b) {
-        source.NextBlock(block);
-        mismatches += KivVad_Run(vad, block) != (WebRtcVad_CalcVad16khz(ref.get(), block, kBlock) > 0);
-    }
-    EXPECT_EQ(mismatches, 0);
 }
 
 }  // namespace
