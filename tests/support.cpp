@@ -24,6 +24,13 @@ AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry, uin
     return handle;
 }
 
+std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> &pcm, float direction) {
+    std::vector<int16_t> output(pcm.size() / 2);
+    for (size_t at = 0; at + 256 <= pcm.size(); at += 256)
+        EXPECT_EQ(KivBf_Run(handle, &pcm[at], &output[at / 2], &direction), KIVBF_OK) << "block " << at / 256;
+    return output;
+}
+
 AudioBfConfig CurrentConfig(AudioBfHandle handle) {
     AudioBfConfig config{};
     EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);

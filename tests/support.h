@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "AudioBfProcess.h"
 
@@ -45,6 +46,10 @@ std::string Captured(Body &&body) {
     body();
     return CaptureStop();
 }
+
+// Output of the interleaved `pcm` run block by block at `direction`; expects
+// every block to succeed.
+std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> &pcm, float direction = 0.0f);
 
 // The handle's current configuration; expects GetConfig to succeed.
 AudioBfConfig CurrentConfig(AudioBfHandle handle);

@@ -21,15 +21,6 @@ constexpr double kMicX[2] = {-0.025, 0.025};
 constexpr double kPi = 3.14159265358979323846;
 constexpr int kBlock = 128;
 
-// Runs `blocks` blocks of interleaved input, direction 0; returns the output.
-std::vector<int16_t> RunBlocks(AudioBfHandle handle, const std::vector<int16_t> &input, int blocks) {
-    std::vector<int16_t> output(blocks * kBlock);
-    const float direction = 0.0f;
-    for (int b = 0; b < blocks; ++b)
-        EXPECT_EQ(KivBf_Run(handle, &input[2 * kBlock * b], &output[kBlock * b], &direction), KIVBF_OK);
-    return output;
-}
-
 // Four tones on bin centres (multiples of 62.5 Hz) from `angle` degrees
 // (0 = broadside, -90 = along +x): microphone m hears them x_m (-sin angle) / c
 // early, a fractional delay.
@@ -55,7 +46,7 @@ std::vector<int16_t> Process(AudioBfHandle handle, const std::vector<PlaneWave> 
             }
             input[2 * n + m] = static_cast<int16_t>(std::lround(value * 32767.0));
         }
-    const std::vector<int16_t> output = RunBlocks(handle, input, lead + blocks);
+    const std::vector<int16_t> output = RunStream(handle, input);
     return {output.begin() + kBlock * lead, output.end()};
 }
 
@@ -146,7 +137,7 @@ std::vector<int16_t> RunMode(const Scene &scene, uint32_t mode) {
     WorkingBuffer buffer;
     AudioBfHandle handle = MakeConfiguredHandle(buffer);
     EXPECT_EQ(KivBf_SetMode(handle, mode, 0.0f), KIVBF_OK);
-    return RunBlocks(handle, scene.mix, kBlocks);
+    return RunStream(handle, scene.mix);
 }
 
 // Output-to-input level in dB over the settled pause or speech blocks; the

@@ -127,10 +127,7 @@ std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &sc
         EXPECT_EQ(KivBf_SetPfFlow(handle, static_cast<uint32_t>(c.pf_flow)), KIVBF_OK);
     }
 
-    const int blocks = static_cast<int>(scene.size()) / (2 * kHop);
-    std::vector<int16_t> output(scene.size() / 2);
-    for (int b = 0; b < blocks; ++b)
-        EXPECT_EQ(KivBf_Run(handle, &scene[2 * kHop * b], &output[kHop * b], &c.angle), KIVBF_OK);
+    const std::vector<int16_t> output = kivbf_test::RunStream(handle, scene, c.angle);
     KivBf_Free(handle);
     return output;
 }

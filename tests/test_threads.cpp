@@ -49,9 +49,7 @@ std::vector<int16_t> RunScene(const Scene &scene, const std::vector<int16_t> &in
     AudioBfHandle h = MakeConfiguredHandle(buffer);
     EXPECT_EQ(KivBf_SetCalibration(h, scene.calibration), KIVBF_OK);
     EXPECT_EQ(KivBf_SetMode(h, scene.mode, scene.direction), KIVBF_OK);
-    std::vector<int16_t> output(128u * kBlocks);
-    for (int b = 0; b < kBlocks; ++b)
-        EXPECT_EQ(KivBf_Run(h, &input[256u * b], &output[128u * b], &scene.direction), KIVBF_OK);
+    const std::vector<int16_t> output = RunStream(h, input, scene.direction);
     EXPECT_EQ(KivBf_Free(h), KIVBF_OK);
     return output;
 }
