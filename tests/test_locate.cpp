@@ -119,7 +119,9 @@ TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
             // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe; near end-fire
             // the candidates lie further apart in angle.
             EXPECT_NEAR(Estimate(handle_, &confidence), angle, (rate == 8000 ? 4.0 : 1.0) * (angle < -60 ? 2.0 : 1.5)) << rate << " Hz";
-            EXPECT_GT(confidence, 0.2f);
+            // At 8 kHz the whole band lies where the reverberation is modelled
+            // as almost fully coherent, which flattens the map.
+            EXPECT_GT(confidence, rate == 8000 ? 0.1f : 0.2f) << rate << " Hz " << angle;
             EXPECT_LE(confidence, 1.0f);
         }
     }
@@ -203,5 +205,5 @@ TEST_F(Locate, SameEstimatesOnEveryCpu) {
             for (int i = 0; i < 4; ++i) hash = (hash ^ ((bits >> (8 * i)) & 0xFF)) * 1099511628211ull;
         }
     }
-    EXPECT_EQ(hash, 4959026541351047494ull);
+    EXPECT_EQ(hash, 6715273808481675355ull);
 }
