@@ -283,17 +283,20 @@ float PeakSine(const BfLocateState &l, int32_t &peak) {
         if (sine < low - 0.5f * kGridStep || sine > high + 0.5f * kGridStep) continue;
         if (peak < 0 || l.map[g] > l.map[peak]) peak = g;
     }
+    // A peak on an end candidate is refined through the parabola around its
+    // inner neighbour, so that a source between the last two candidates
+    // (75-90 degrees) is not reported at end-fire.
+    const int32_t middle = peak < 1 ? 1 : peak > kLocateGrid - 2 ? kLocateGrid - 2 : peak;
+    const float shift = static_cast<float>(peak - middle);
     float sine = GridSine(peak);
-    if (peak > 0 && peak < kLocateGrid - 1) {
-        const float left = l.map[peak - 1];
-        const float centre = l.map[peak];
-        const float right = l.map[peak + 1];
-        const float curvature = left - 2.0f * centre + right;
-        if (curvature < 0.0f) {
-            float offset = 0.5f * (left - right) / curvature;
-            offset = offset < -0.5f ? -0.5f : offset > 0.5f ? 0.5f : offset;
-            sine += offset * kGridStep;
-        }
+    const float left = l.map[middle - 1];
+    const float centre = l.map[middle];
+    const float right = l.map[middle + 1];
+    const float curvature = left - 2.0f * centre + right;
+    if (curvature < 0.0f) {
+        float offset = 0.5f * (left - right) / curvature;
+        offset = offset < shift - 0.5f ? shift - 0.5f : offset > shift + 0.5f ? shift + 0.5f : offset;
+        sine = GridSine(middle) + offset * kGridStep;
     }
     sine = sine < low ? low : sine > high ? high : sine;
     return sine;
