@@ -46,7 +46,8 @@ constexpr float kReverberationCoherence = 2.0f;
 constexpr float kMaxCoherence = 0.999f;
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
-constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise and nothing else
+constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
+constexpr int32_t kQuietStartBlocks = 8;    // of them, the first that give no evidence either
 constexpr float kBlockPresence = 0.3f;      // mean bin weight for a block to count
 constexpr float kMapMemory = 0.97f;         // per counted block
 constexpr float kMinConfidence = 0.05f;     // below it the estimate holds
@@ -323,10 +324,10 @@ void Bf_Locate(BfCoreState &s) {
     // Silence, steady noise and diffuse noise rise above nothing: the map and
     // the estimate stay as they were.
     if (block_weight < kBlockPresence * static_cast<float>(l.bin_count)) return;
-    // Until the noise has its start-up mean, the power's rise above it is
-    // meaningless (the first blocks rise from nothing) and would put the full
-    // weight on whatever the first frames hold.
-    if (l.blocks_seen < kStartBlocks) return;
+    // Until the noise's start-up mean has a few blocks in it, the power's
+    // rise above it is meaningless (the first blocks rise from nothing) and
+    // would put the full weight on whatever the first frames hold.
+    if (l.blocks_seen < kQuietStartBlocks) return;
     l.map_weight = l.map_weight * kMapMemory + AccumulateMap(l, evidence);
 
     int32_t peak = 0;
