@@ -42,6 +42,9 @@ constexpr float kDiffuseTilt = 0.5f;        // bins lose this share of the diffu
 // coherent as a diffuse field (below 1); with the plain field, talkers beyond
 // about 55 degrees were still pulled 10-15 degrees towards broadside at RT60
 // 0.6 s. A bin of direct sound alone gives its exact phasor whatever this is.
+// The price: where the model's coherence nears 1 (below about 2 kHz for 5 cm)
+// a broadside source looks like reverberation, so a talker far off broadside
+// outweighs a louder one near it there.
 constexpr float kReverberationCoherence = 2.0f;
 constexpr float kMaxCoherence = 0.999f;
 constexpr float kPowerFloor = 1e-20f;
