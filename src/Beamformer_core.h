@@ -63,7 +63,7 @@ struct BfLocateState {
     BF_ALIGN float noise_cross_im[kivbf::kLocateMaxBins];
     BF_ALIGN float cross_re[kivbf::kLocateMaxBins];   // smoothed cross-spectrum X0 X1*
     BF_ALIGN float cross_im[kivbf::kLocateMaxBins];
-    BF_ALIGN float diffuse[kivbf::kLocateMaxBins];    // a diffuse field's coherence, sinc(2 pi f axis / c)
+    BF_ALIGN float diffuse[kivbf::kLocateMaxBins];    // the reverberation's modelled coherence, 2 sinc(2 pi f axis / c) below 1
     float direction;            // degrees, -90..90
     float confidence;           // 0..1; 0 until a first estimate
 };

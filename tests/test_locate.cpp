@@ -109,7 +109,7 @@ TEST_F(Locate, CallsCheckTheirArgumentsAndStartOff) {
 
 TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
     for (uint32_t rate : {8000u, 16000u, 48000u}) {
-        for (double angle : {-70.0, -35.0, 0.0, 20.0, 55.0}) {
+        for (double angle : {-70.0, -35.0, 0.0, 20.0, 55.0, 80.0}) {
             std::vector<double> x(2 * rate * 3, 0.0);
             AddSource(x, angle, 300.0, true, rate, 0.05, 7);
             RunSetup setup;
@@ -117,9 +117,11 @@ TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
             RunAll(buffer_, handle_, ToPcm(x), setup);
             float confidence = 0.0f;
             // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe; near end-fire
-            // the candidates lie further apart in angle.
-            EXPECT_NEAR(Estimate(handle_, &confidence), angle, (rate == 8000 ? 4.0 : 1.0) * (angle < -60 ? 2.0 : 1.5)) << rate << " Hz";
-            EXPECT_GT(confidence, 0.2f);
+            // the candidates lie further apart in angle (80: between the last two).
+            EXPECT_NEAR(Estimate(handle_, &confidence), angle, (rate == 8000 ? 4.0 : 1.0) * (std::fabs(angle) > 60 ? 2.0 : 1.5)) << rate << " Hz";
+            // At 8 kHz the whole band lies where the reverberation is modelled
+            // as almost fully coherent, which flattens the map.
+            EXPECT_GT(confidence, rate == 8000 ? 0.1f : 0.2f) << rate << " Hz " << angle;
             EXPECT_LE(confidence, 1.0f);
         }
     }
@@ -203,5 +205,5 @@ TEST_F(Locate, SameEstimatesOnEveryCpu) {
             for (int i = 0; i < 4; ++i) hash = (hash ^ ((bits >> (8 * i)) & 0xFF)) * 1099511628211ull;
         }
     }
-    EXPECT_EQ(hash, 4959026541351047494ull);
+    EXPECT_EQ(hash, 6715273808481675355ull);
 }
