@@ -50,7 +50,7 @@ void PowerPass(BfCoreState &s, const MicPass &pass, int32_t k) {
     const T power = Power(LoadComplex<T>(s.mic_spectrum[pass.m], k)) * T(kSpectrumPowerScale);
     Store(s.ne_power, k, power);
     if (pass.first_block) return;
-    const T gamma = Quotient(power, Max(Load<T>(s.noise_psd[pass.m], k), T(kLambdaFloor)));
+    const T gamma = Quotient(power, AtLeast(Load<T>(s.noise_psd[pass.m], k), kLambdaFloor));
     Store(s.ne_posterior_snr, k, gamma);
     Store(s.ne_presence, k, gamma * T(kPresenceSlope));
 }
@@ -89,7 +89,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
 
     T xi = Max(gamma - one, T(0.0f));
     xi = xi * T(kPriorSmoothing) + Load<T>(s.prior_snr_memory[m], k) * T(kPriorKeep);
-    xi = Max(xi, T(pass.prior_floor));
+    xi = AtLeast(xi, pass.prior_floor);
     const T gain = Quotient(xi, xi + unit);
     Store(s.prior_snr_memory[m], k, gain * gain * gamma);
     Store(s.wiener_gain[m], k, gain);
@@ -104,7 +104,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
         const T speech = gain * gain * power;
         const T quotient = Select(Greater(speech, zero), ExactQuotient(speech, noise), zero);
         const T ratio = Select(GreaterEqual(noise, speech), quotient, one);
-        Store(s.speech_noise_ratio, k, Max(ratio * gain, T(pass.ratio_floor)));
+        Store(s.speech_noise_ratio, k, AtLeast(ratio * gain, pass.ratio_floor));
     }
 }
 
