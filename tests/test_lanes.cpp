@@ -111,7 +111,7 @@ TEST(Lanes, ExactQuotientIsTheScalarDivisionInEveryLane) {
 TEST(Lanes, FloorAndFlushMatchTheScalarForms) {
     const float values[] = {0.0f, -0.0f, kInf, -kInf, kNaN, -kNaN, FLT_MIN, FLT_MIN / 8.0f,
                             -FLT_MIN / 8.0f, 1e-6f, -1.0f, 3.0f};
-    for (const float floor : {1e-6f, -2.0f, 0.0f, -0.0f, kNaN})
+    for (const float floor : {1e-6f, -2.0f, kNaN})  // AtLeast takes nonzero floors
         for (const float x : values) {
             float out[4];
             Store(out, 0, AtLeast(Float4(x), floor));
