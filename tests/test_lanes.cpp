@@ -115,7 +115,11 @@ TEST(Lanes, FloorAndFlushMatchTheScalarForms) {
         for (const float x : values) {
             float out[4];
             Store(out, 0, AtLeast(Float4(x), floor));
-            EXPECT_TRUE(SameBits(out[0], Max(x, floor))) << x << " floor " << floor;
+            // ARMv7 NEON flushes a denormal operand of any max (the stages
+            // floor values that are never denormal).
+            if (std::fpclassify(x) != FP_SUBNORMAL) {
+                EXPECT_TRUE(SameBits(out[0], Max(x, floor))) << x << " floor " << floor;
+            }
             vst1q_f32(out, FlushDenormal(vdupq_n_f32(x)));
             EXPECT_TRUE(SameBits(out[0], FlushDenormal(x))) << x;
         }
