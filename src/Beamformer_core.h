@@ -68,6 +68,15 @@ struct BfLocateState {
     float confidence;           // 0..1; 0 until a first estimate
 };
 
+// What Bf_NoiseEstimate's first pass over the bins hands to its second,
+// per bin. Kept in the state rather than on the stack: the passes then
+// address it from the same base as the arrays beside it.
+struct BfNoiseScratch {
+    BF_ALIGN float power[kivbf::kBins];          // P
+    BF_ALIGN float posterior_snr[kivbf::kBins];  // gamma
+    BF_ALIGN float presence[kivbf::kBins];       // -0.969 gamma, exponentiated between the passes
+};
+
 struct BfCoreState {
     // --- Post-filter gain and run-time switches -----------------------------------
     BF_ALIGN float pf_gain[kivbf::kBins];  // per-bin post-filter gain; 1.0 outside the post-filter
@@ -159,13 +168,6 @@ struct BfCoreState {
     float mic_phase_rate[kivbf::kMics];  // tau per microphone, radians per Hz
     BF_ALIGN float steering_phase[kivbf::kSpectrumFloats];  // look direction, mic 1 rel. mic 0;
                                                             // also the canceller's blocking filter
-    // Scratch of Bf_DesignFixedBeam: nothing reads these after it returns.
-    float design_steering[8];    // A: steering vector in column 0
-    float design_conjugate[8];   // B: conjugated steering vector in row 0
-    float design_coherence[8];   // Gamma, loaded and inverted in place
-    float design_product[8];     // P = Gamma^-1 A
-    float design_scalar[8];      // S = B Gamma^-1 A
-    float design_normaliser[2];  // 2 + 0i: the microphone count
 
     // --- Calibration and target steering --------------------------------------------
     BF_ALIGN float raw_mic1_spectrum[kivbf::kSpectrumFloats];  // microphone 1 before calibration
@@ -182,12 +184,10 @@ struct BfCoreState {
     BF_ALIGN float wiener_gain[kivbf::kMics][kivbf::kBins];
     BF_ALIGN float ones[kivbf::kBins];                // constant 1.0: unit numerators
     BF_ALIGN float speech_noise_ratio[kivbf::kBins];  // modes 3, 4; from microphone 0
-    // Scratch of Bf_NoiseEstimate, between its two passes; the first block
-    // reads ne_posterior_snr as Init left it (zero).
-    BF_ALIGN float ne_power[kivbf::kBins];            // P
-    BF_ALIGN float ne_posterior_snr[kivbf::kBins];    // gamma
-    BF_ALIGN float ne_presence[kivbf::kBins];         // exp(-0.969 gamma), then p
     uint16_t noise_counter;                           // 0, 1, 2 (stays at 2)
+    // Scratch of Bf_NoiseEstimate: what its first pass over the bins hands to
+    // the second. Nothing reads it across blocks.
+    BfNoiseScratch noise_scratch;
 
     // --- Noise spatial covariance -----------------------------------------------------
     uint16_t cov_counter;  // updates so far (13 at most, or 0/1)

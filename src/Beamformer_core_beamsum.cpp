@@ -51,7 +51,7 @@ void CancelBins(BfCoreState &s, int32_t k) {
 
     const T smoothed = Power(reference) * T(kPowerSmoothing) +
                        Load<T>(s.reference_power, k) * T(1.0f - kPowerSmoothing);
-    const T floored = Max(smoothed, T(kPowerFloor));
+    const T floored = AtLeast(smoothed, kPowerFloor);
     Store(s.reference_power, k, floored);
     const Complex<T> normalised = DivideByReal(reference, floored);
 

@@ -35,9 +35,12 @@ namespace {
 // Element (row, column) of a 2 x 2 complex matrix: offset of its real part.
 constexpr int32_t Element(int32_t row, int32_t column) { return 2 * (2 * row + column); }
 
-// Diffuse-field coherence of bin k, halved by the microphone count and loaded.
-void DesignCoherence(BfCoreState &s, int32_t k, float wavenumber_per_hz) {
-    float *gamma = s.design_coherence;
+// The microphone count as a complex divisor, 2 + 0i.
+constexpr float kMicCountDivisor[2] = {static_cast<float>(kMics), 0.0f};
+
+// Diffuse-field coherence of bin k into gamma (8 floats), halved by the
+// microphone count and loaded.
+void DesignCoherence(const BfCoreState &s, int32_t k, float wavenumber_per_hz, float *gamma) {
     for (int32_t i = 0; i < kMics; ++i) {
         for (int32_t j = 0; j < kMics; ++j) {
             const float distance = s.mic_distance_matrix[i][j];
@@ -50,7 +53,7 @@ void DesignCoherence(BfCoreState &s, int32_t k, float wavenumber_per_hz) {
             gamma[Element(i, j) + 1] = 0.0f;
         }
     }
-    cmat2_normalise(gamma, s.design_normaliser, gamma);
+    cmat2_normalise(gamma, kMicCountDivisor, gamma);
     gamma[Element(0, 0)] += s.bin_loading[k];
     gamma[Element(1, 1)] += s.bin_loading[k];
 }
@@ -87,9 +90,6 @@ void KeepDesignFinite(BfCoreState &s) {
 // Superdirective (diffuse-noise MVDR) weights toward steering_angle:
 // w = (G/2 + mu I)^-1 a / (a^H (G/2 + mu I)^-1 a), stored conjugated.
 void Bf_DesignFixedBeam(BfCoreState &s) {
-    s.design_normaliser[0] = 2.0f;
-    s.design_normaliser[1] = 0.0f;
-
     const float wavenumber_per_hz =
         static_cast<float>(kTwoPi / static_cast<double>(s.speed_of_sound));
     const double look = static_cast<double>(s.steering_angle / 180.0f) * kPi;
@@ -99,11 +99,14 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
         s.mic_phase_rate[m] = static_cast<float>(projection * wavenumber_per_hz);
     }
 
-    float *steering = s.design_steering;
-    float *conjugate = s.design_conjugate;
-    float *gamma = s.design_coherence;
-    float *product = s.design_product;
-    float *scalar = s.design_scalar;
+    // Per bin, 2 x 2 complex each: A, the steering vector in column 0; B,
+    // the conjugated steering vector in row 0; Gamma, loaded and inverted in
+    // place; P = Gamma^-1 A; S = B Gamma^-1 A.
+    float steering[kCmat2Floats];
+    float conjugate[kCmat2Floats];
+    float gamma[kCmat2Floats];
+    float product[kCmat2Floats];
+    float scalar[kCmat2Floats];
     for (int32_t k = 0; k < kBins; ++k) {
         const float frequency = s.bin_frequency[k];
         for (int32_t i = 0; i < kCmat2Floats; ++i) {
@@ -124,7 +127,7 @@ void Bf_DesignFixedBeam(BfCoreState &s) {
             conjugate[Element(0, m) + 1] = -im;
         }
 
-        DesignCoherence(s, k, wavenumber_per_hz);
+        DesignCoherence(s, k, wavenumber_per_hz, gamma);
         cmat2_inverse(gamma, gamma);
         cmat2_product(gamma, steering, product);
         cmat2_product(conjugate, gamma, scalar);

@@ -122,16 +122,6 @@ struct PhiLanes {
     float32x4_t lanes[kCmat2Floats];
 };
 
-PhiLanes LoadPhiLanes(const Covariance &phi, int32_t k) {
-    PhiLanes out;
-    for (int32_t e = 0; e < kCmat2Floats; ++e) out.lanes[e] = vld1q_f32(phi[e] + k);
-    return out;
-}
-
-void StorePhiLanes(const PhiLanes &in, Covariance &phi, int32_t k) {
-    for (int32_t e = 0; e < kCmat2Floats; ++e) vst1q_f32(phi[e] + k, in.lanes[e]);
-}
-
 PhiLanes LanesOf(const Cmat2Parts<Float4> &m) {
     return {{m.re.a00.v, m.im.a00.v, m.re.a01.v, m.im.a01.v, m.re.a10.v, m.im.a10.v, m.re.a11.v,
              m.im.a11.v}};
@@ -179,33 +169,26 @@ BlockAveraging AveragingOf(const BfCoreState &s) {
     return {Averaging::kFirst, 0.0f, 0.0f, 0.0f};
 }
 
-// Phi = Average(N, Phi) over `count` vectors of 4 elements each, then
-// subnormal elements flushed: an element that the snapshots stop feeding (the
+// Phi = Average(N, Phi) for one vector of 4 elements, then subnormal
+// elements flushed: an element that the snapshots stop feeding (the
 // imaginary parts while both microphones see the same phase) only shrinks
 // under the forgetting; once subnormal it never reaches zero (0.9 times the
 // smallest subnormal rounds back to it) and slows every later block on cores
-// without flush-to-zero.
-[[gnu::always_inline]] inline void AverageAndFlush(const float32x4_t *normalised, float32x4_t *phi, int32_t count,
-                     const BlockAveraging &a) {
-    switch (a.form) {
-        case Averaging::kForgetting: {
-            const float beta = 1.0f - a.alpha;
-            for (int32_t i = 0; i < count; ++i)
-                phi[i] = vaddq_f32(vmulq_n_f32(normalised[i], a.alpha), vmulq_n_f32(phi[i], beta));
-            break;
-        }
-        case Averaging::kRunningMean:
-            for (int32_t i = 0; i < count; ++i)
-                phi[i] = vmulq_n_f32(vaddq_f32(vmulq_n_f32(phi[i], a.count), normalised[i]),
-                                     a.inverse_count);
-            break;
-        case Averaging::kFirst:
-            for (int32_t i = 0; i < count; ++i) phi[i] = normalised[i];
-            break;
-    }
-    for (int32_t i = 0; i < count; ++i) phi[i] = FlushDenormal(phi[i]);
+// without flush-to-zero. The form is a template argument so that the lanes'
+// element loop runs without a branch and in registers.
+template <Averaging form>
+[[gnu::always_inline]] inline float32x4_t AverageAndFlush(float32x4_t normalised, float32x4_t phi,
+                                                          const BlockAveraging &a) {
+    if constexpr (form == Averaging::kForgetting)
+        phi = vaddq_f32(vmulq_n_f32(normalised, a.alpha), vmulq_n_f32(phi, 1.0f - a.alpha));
+    else if constexpr (form == Averaging::kRunningMean)
+        phi = vmulq_n_f32(vaddq_f32(vmulq_n_f32(phi, a.count), normalised), a.inverse_count);
+    else
+        phi = normalised;
+    return FlushDenormal(phi);
 }
 
+template <Averaging form>
 void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
     const Complex<float> x0 = Snapshot<float>(s, 0, k, calibrated);
     const Complex<float> x1 = Snapshot<float>(s, 1, k, calibrated);
@@ -219,13 +202,12 @@ void CovarianceOneBin(BfCoreState &s, int32_t k, bool calibrated, const BlockAve
     }
     float phi[kCmat2Floats];
     for (int32_t e = 0; e < kCmat2Floats; ++e) phi[e] = s.noise_covariance[e][k];
-    float32x4_t average[2] = {vld1q_f32(phi), vld1q_f32(phi + 4)};
-    AverageAndFlush(normalised, average, 2, averaging);
-    vst1q_f32(phi, average[0]);
-    vst1q_f32(phi + 4, average[1]);
+    vst1q_f32(phi, AverageAndFlush<form>(normalised[0], vld1q_f32(phi), averaging));
+    vst1q_f32(phi + 4, AverageAndFlush<form>(normalised[1], vld1q_f32(phi + 4), averaging));
     for (int32_t e = 0; e < kCmat2Floats; ++e) s.noise_covariance[e][k] = phi[e];
 }
 
+template <Averaging form>
 void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockAveraging &averaging) {
     const Complex<Float4> x0 = Snapshot<Float4>(s, 0, k, calibrated);
     const Complex<Float4> x1 = Snapshot<Float4>(s, 1, k, calibrated);
@@ -234,9 +216,21 @@ void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockA
         const float32x4_t noise_share = vsubq_f32(vdupq_n_f32(1.0f), vld1q_f32(s.wiener_gain[0] + k));
         for (float32x4_t &lane : normalised.lanes) lane = vmulq_f32(lane, noise_share);
     }
-    PhiLanes average = LoadPhiLanes(s.noise_covariance, k);
-    AverageAndFlush(normalised.lanes, average.lanes, kCmat2Floats, averaging);
-    StorePhiLanes(average, s.noise_covariance, k);
+#pragma GCC unroll 8
+    for (int32_t e = 0; e < kCmat2Floats; ++e) {
+        float *phi = s.noise_covariance[e] + k;
+        vst1q_f32(phi, AverageAndFlush<form>(normalised.lanes[e], vld1q_f32(phi), averaging));
+    }
+}
+
+template <Averaging form>
+void UpdateCovariance(BfCoreState &s, bool calibrated, const BlockAveraging &averaging) {
+    ForEachMvdrBin([&](auto element, int32_t k) {
+        if constexpr (std::is_same_v<decltype(element), float>)
+            CovarianceOneBin<form>(s, k, calibrated, averaging);
+        else
+            CovarianceFourBins<form>(s, k, calibrated, averaging);
+    });
 }
 
 }  // namespace
@@ -246,12 +240,11 @@ void CovarianceFourBins(BfCoreState &s, int32_t k, bool calibrated, const BlockA
 void Bf_NoiseCovarianceUpdate(BfCoreState &s) {
     const bool calibrated = s.calibration_flag == 1;
     const BlockAveraging averaging = AveragingOf(s);
-    ForEachMvdrBin([&](auto element, int32_t k) {
-        if constexpr (std::is_same_v<decltype(element), float>)
-            CovarianceOneBin(s, k, calibrated, averaging);
-        else
-            CovarianceFourBins(s, k, calibrated, averaging);
-    });
+    switch (averaging.form) {
+        case Averaging::kForgetting: UpdateCovariance<Averaging::kForgetting>(s, calibrated, averaging); break;
+        case Averaging::kRunningMean: UpdateCovariance<Averaging::kRunningMean>(s, calibrated, averaging); break;
+        case Averaging::kFirst: UpdateCovariance<Averaging::kFirst>(s, calibrated, averaging); break;
+    }
     if (s.Noise_estimation != 0) {
         if (s.cov_counter < kRunningMeanUpdates) ++s.cov_counter;
     } else if (s.cov_counter == 0) {

@@ -8,6 +8,7 @@
 #include "math_functions.h"
 #include "Beamformer_core.h"
 #include "Beamformer_core_modes.h"
+#include "vector_kernels.h"
 #include "vector_lanes.h"
 
 using namespace kivbf;
@@ -46,32 +47,32 @@ struct MicPass {
 // First pass: the block's power P, and after the first block
 // gamma = P / max(lambda, 1e-6) and the exponent of the presence probability.
 template <typename T>
-void PowerPass(BfCoreState &s, const MicPass &pass, int32_t k) {
+void PowerPass(const BfCoreState &s, const MicPass &pass, BfNoiseScratch &scratch, int32_t k) {
     const T power = Power(LoadComplex<T>(s.mic_spectrum[pass.m], k)) * T(kSpectrumPowerScale);
-    Store(s.ne_power, k, power);
+    Store(scratch.power, k, power);
     if (pass.first_block) return;
-    const T gamma = Quotient(power, Max(Load<T>(s.noise_psd[pass.m], k), T(kLambdaFloor)));
-    Store(s.ne_posterior_snr, k, gamma);
-    Store(s.ne_presence, k, gamma * T(kPresenceSlope));
+    const T gamma = Quotient(power, AtLeast(Load<T>(s.noise_psd[pass.m], k), kLambdaFloor));
+    Store(scratch.posterior_snr, k, gamma);
+    Store(scratch.presence, k, gamma * T(kPresenceSlope));
 }
 
 // Second pass, with the exponential taken: p smoothed and capped; lambda
 // moves towards the power the presence expects; then
 // xi = max(mix(max(gamma - 1, 0), G^2 gamma of the last block), floor) and
 // G = xi / (1 + xi). On the first block the noise starts at the block's
-// power and gamma keeps what its scratch array holds.
+// power and gamma is zero.
 template <typename T>
-void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
+void UpdatePass(BfCoreState &s, const MicPass &pass, const BfNoiseScratch &scratch, int32_t k) {
     const int32_t m = pass.m;
-    const T power = Load<T>(s.ne_power, k);
-    const T gamma = Load<T>(s.ne_posterior_snr, k);
+    const T power = Load<T>(scratch.power, k);
+    const T gamma = Load<T>(scratch.posterior_snr, k);
     const T unit = Load<T>(s.ones, k);
     const T one(1.0f);
 
     T noise = power;
     if (!pass.first_block) {
         noise = Load<T>(s.noise_psd[m], k);
-        T presence = Load<T>(s.ne_presence, k) * T(kPresenceOffset) + unit;
+        T presence = Load<T>(scratch.presence, k) * T(kPresenceOffset) + unit;
         presence = Quotient(unit, presence);
         T smoothed = presence;
         if (!pass.start_smoothed)
@@ -89,7 +90,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
 
     T xi = Max(gamma - one, T(0.0f));
     xi = xi * T(kPriorSmoothing) + Load<T>(s.prior_snr_memory[m], k) * T(kPriorKeep);
-    xi = Max(xi, T(pass.prior_floor));
+    xi = AtLeast(xi, pass.prior_floor);
     const T gain = Quotient(xi, xi + unit);
     Store(s.prior_snr_memory[m], k, gain * gain * gamma);
     Store(s.wiener_gain[m], k, gain);
@@ -104,7 +105,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, int32_t k) {
         const T speech = gain * gain * power;
         const T quotient = Select(Greater(speech, zero), ExactQuotient(speech, noise), zero);
         const T ratio = Select(GreaterEqual(noise, speech), quotient, one);
-        Store(s.speech_noise_ratio, k, Max(ratio * gain, T(pass.ratio_floor)));
+        Store(s.speech_noise_ratio, k, AtLeast(ratio * gain, pass.ratio_floor));
     }
 }
 
@@ -116,6 +117,9 @@ void Bf_NoiseEstimate(BfCoreState &s) {
     if (intensity > 4) intensity = 4;
     // The equalised microphones share microphone 0's gain.
     const bool calibrated = s.calibration_flag == 1;
+    BfNoiseScratch &scratch = s.noise_scratch;
+    // The first block has no noise estimate to divide by: gamma is zero.
+    if (s.noise_counter == 0) vec_fill(scratch.posterior_snr, 0.0f, kBins);
 
     for (int32_t m = 0; m < (calibrated ? 1 : kMics); ++m) {
         const MicPass pass{m,
@@ -126,10 +130,10 @@ void Bf_NoiseEstimate(BfCoreState &s) {
                            s.intensity_scale,
                            s.intensity_floor,
                            kSpeechRatioFloor[intensity]};
-        ForEachBin(kBins, [&](auto element, int32_t k) { PowerPass<decltype(element)>(s, pass, k); });
+        ForEachBin(kBins, [&](auto element, int32_t k) { PowerPass<decltype(element)>(s, pass, scratch, k); });
         // Apart so that the passes around it keep their constants in registers.
-        if (!pass.first_block) math::ExpFInPlace(s.ne_presence, kBins);
-        ForEachBin(kBins, [&](auto element, int32_t k) { UpdatePass<decltype(element)>(s, pass, k); });
+        if (!pass.first_block) math::ExpFInPlace(scratch.presence, kBins);
+        ForEachBin(kBins, [&](auto element, int32_t k) { UpdatePass<decltype(element)>(s, pass, scratch, k); });
     }
     if (s.noise_counter < 2) ++s.noise_counter;
 }

@@ -90,7 +90,7 @@ template <typename T, bool kWithFactor>
 void FloorRawGainBins(BfCoreState &s, const float *raw, const float *factor, float *padded, int32_t k) {
     T gain = Load<T>(raw, k);
     if constexpr (kWithFactor) gain = gain * Load<T>(factor, k);
-    gain = Max(gain, T(kGainFloor));
+    gain = AtLeast(gain, kGainFloor);
     Store(s.pf_raw_gain, k, gain);
     Store(padded + kPadZeros, k, gain);
 }

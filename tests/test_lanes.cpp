@@ -106,6 +106,25 @@ TEST(Lanes, ExactQuotientIsTheScalarDivisionInEveryLane) {
     }
 }
 
+// AtLeast is Max against a floor (one SSE instruction on x86), and the flush
+// keeps only the sign of a denormal: bit for bit the scalar forms, specials too.
+TEST(Lanes, FloorAndFlushMatchTheScalarForms) {
+    const float values[] = {0.0f, -0.0f, kInf, -kInf, kNaN, -kNaN, FLT_MIN, FLT_MIN / 8.0f,
+                            -FLT_MIN / 8.0f, 1e-6f, -1.0f, 3.0f};
+    for (const float floor : {1e-6f, -2.0f, kNaN})  // AtLeast takes nonzero floors
+        for (const float x : values) {
+            float out[4];
+            Store(out, 0, AtLeast(Float4(x), floor));
+            // ARMv7 NEON flushes a denormal operand of any max (the stages
+            // floor values that are never denormal).
+            if (std::fpclassify(x) != FP_SUBNORMAL) {
+                EXPECT_TRUE(SameBits(out[0], Max(x, floor))) << x << " floor " << floor;
+            }
+            vst1q_f32(out, FlushDenormal(vdupq_n_f32(x)));
+            EXPECT_TRUE(SameBits(out[0], FlushDenormal(x))) << x;
+        }
+}
+
 // x = 1 + 2^-23, y = 2^-12: x*x = 1 + 2^-22 + 2^-46 rounds to 1 + 2^-22, and
 // adding y*y = 2^-24 lands exactly half way between two floats, which rounds
 // to even (1 + 2^-22). A fused x*x + y*y keeps the 2^-46 and rounds up to

@@ -24,6 +24,7 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <limits>
 
 namespace kivbf::estimates {
 
@@ -145,9 +146,21 @@ inline float32x4_t SquareRootExact(float32x4_t a) {
 #endif
 }
 
-// Four-lane FRECPE from operations on the bits and one exact division for
-// the table entry.
-inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
+// True if every lane of the mask is set.
+inline bool AllLanes(uint32x4_t mask) {
+#if defined(__aarch64__)
+    return vminvq_u32(mask) != 0;
+#elif !defined(__ARM_NEON) && defined(SIMDE_X86_SSE2_NATIVE)
+    return _mm_movemask_ps(_mm_castsi128_ps(simde_uint32x4_to_m128i(mask))) == 0xF;
+#else
+    const uint32x2_t halves = vand_u32(vget_low_u32(mask), vget_high_u32(mask));
+    return (vget_lane_u32(halves, 0) & vget_lane_u32(halves, 1)) != 0;
+#endif
+}
+
+// Four-lane FRECPE for every input, from operations on the bits and one
+// exact division for the table entry.
+inline float32x4_t EmulatedRecipEstimateAnyInput(float32x4_t x) {
     const uint32x4_t bits = vreinterpretq_u32_f32(x);
     const uint32x4_t sign = vandq_u32(bits, vdupq_n_u32(kSignBit));
     const uint32x4_t exponent = vandq_u32(vshrq_n_u32(bits, 23), vdupq_n_u32(0xFF));
@@ -194,8 +207,9 @@ inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
     return vreinterpretq_f32_u32(result);
 }
 
-// Four-lane FRSQRTE likewise, the entry from one exact square root and division.
-inline float32x4_t EmulatedRecipSqrtEstimate(float32x4_t x) {
+// Four-lane FRSQRTE for every input likewise, the entry from one exact
+// square root and division.
+inline float32x4_t EmulatedRecipSqrtEstimateAnyInput(float32x4_t x) {
     const uint32x4_t bits = vreinterpretq_u32_f32(x);
     const uint32x4_t exponent = vandq_u32(vshrq_n_u32(bits, 23), vdupq_n_u32(0xFF));
     const uint32x4_t fraction = vandq_u32(bits, vdupq_n_u32(kFractionMask));
@@ -243,6 +257,67 @@ inline float32x4_t EmulatedRecipSqrtEstimate(float32x4_t x) {
     result = vbslq_u32(zero, vorrq_u32(bits, vdupq_n_u32(kInfinityBits)), result);
     result = vbslq_u32(nan, vorrq_u32(bits, vdupq_n_u32(kQuietBit)), result);
     return vreinterpretq_f32_u32(result);
+}
+
+// The inputs whose estimates the short forms below give: for the
+// reciprocal, normal with a normal result (2^-126 <= |x| < 2^126); for the
+// root, positive, normal and finite. The library meets little else, and a
+// caller that has checked all four lanes can also skip its own handling of
+// zeros, infinities and subnormals.
+inline bool UsualForRecipEstimate(float32x4_t x) {
+    const float32x4_t magnitude = vabsq_f32(x);
+    return AllLanes(vandq_u32(vcgeq_f32(magnitude, vdupq_n_f32(0x1p-126f)),
+                              vcltq_f32(magnitude, vdupq_n_f32(0x1p126f))));
+}
+
+inline bool UsualForRecipSqrtEstimate(float32x4_t x) {
+    return AllLanes(vandq_u32(vcgeq_f32(x, vdupq_n_f32(0x1p-126f)),
+                              vcleq_f32(x, vdupq_n_f32(std::numeric_limits<float>::max()))));
+}
+
+// FRECPE of usual inputs. The entry for the 8-bit fraction prefix a is
+// round(2^18 / (2a + 1)) (RecipTableEntry, never within 1/2046 of a tie),
+// and 2a + 1 over 512 is the prefix's midpoint: the estimate is the IEEE
+// reciprocal of x with its fraction cut to the prefix and half a unit of the
+// prefix added, rounded to eight fraction bits. The division's error is far
+// below the distance to a tie, and the rounding never carries out of the
+// fraction (the entries stay below 512).
+inline float32x4_t UsualRecipEstimate(float32x4_t x) {
+    const uint32x4_t midpoint = vorrq_u32(vandq_u32(vreinterpretq_u32_f32(x), vdupq_n_u32(0xFFFF8000u)),
+                                          vdupq_n_u32(0x4000u));
+    const uint32x4_t reciprocal =
+        vreinterpretq_u32_f32(Divide(vdupq_n_f32(1.0f), vreinterpretq_f32_u32(midpoint)));
+    return vreinterpretq_f32_u32(
+        vandq_u32(vaddq_u32(reciprocal, vdupq_n_u32(0x4000u)), vdupq_n_u32(0xFFFF8000u)));
+}
+
+// FRSQRTE of usual inputs. The entry is round(2^13 / sqrt(a'))
+// (RecipSqrtTableEntry rounds 2^14 / sqrt(a') up and halves, which is the
+// same), and a' over 1024 is the midpoint of the input's fraction cut to
+// seven bits, scaled to [0.25, 1) by an even power of two: the estimate is
+// the IEEE reciprocal of the IEEE root of that midpoint, rounded to eight
+// fraction bits. The estimate test sweeps every prefix and exponent.
+inline float32x4_t UsualRecipSqrtEstimate(float32x4_t x) {
+    const uint32x4_t midpoint = vorrq_u32(vandq_u32(vreinterpretq_u32_f32(x), vdupq_n_u32(0xFFFF0000u)),
+                                          vdupq_n_u32(0x8000u));
+    const float32x4_t root = SquareRootExact(vreinterpretq_f32_u32(midpoint));
+    const uint32x4_t inverse = vreinterpretq_u32_f32(Divide(vdupq_n_f32(1.0f), root));
+    return vreinterpretq_f32_u32(
+        vandq_u32(vaddq_u32(inverse, vdupq_n_u32(0x4000u)), vdupq_n_u32(0xFFFF8000u)));
+}
+
+// The emulations: the short forms where all four lanes allow, the full ones
+// otherwise.
+inline float32x4_t EmulatedRecipEstimate(float32x4_t x) {
+    if (UsualForRecipEstimate(x)) [[likely]]
+        return UsualRecipEstimate(x);
+    return EmulatedRecipEstimateAnyInput(x);
+}
+
+inline float32x4_t EmulatedRecipSqrtEstimate(float32x4_t x) {
+    if (UsualForRecipSqrtEstimate(x)) [[likely]]
+        return UsualRecipSqrtEstimate(x);
+    return EmulatedRecipSqrtEstimateAnyInput(x);
 }
 
 // The estimates the lane helpers refine: the instruction on ARM, its

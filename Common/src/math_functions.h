@@ -118,14 +118,19 @@ inline T ExpF(T x) {
     // Out-of-range and NaN inputs are replaced before the integer conversion.
     const T bounded = Select(Or(Or(below, above), nan), Splat(0.0f, x), x);
 
-    const T k = Sub(Add(Mul(bounded, Splat(kLog2E, x)), Splat(kRoundMagic, x)),
-                    Splat(kRoundMagic, x));
+    const T shifted = Add(Mul(bounded, Splat(kLog2E, x)), Splat(kRoundMagic, x));
+    const T k = Sub(shifted, Splat(kRoundMagic, x));
     const T r = Sub(Sub(bounded, Mul(k, Splat(kLn2High, x))), Mul(k, Splat(kLn2Low, x)));
     T q = Splat(kTaylor[0], x);
+#pragma GCC unroll 8
     for (int32_t i = 1; i < 6; ++i) q = Add(Mul(q, r), Splat(kTaylor[i], x));
     const T p = Add(Splat(1.0f, x), Add(r, Mul(Mul(r, r), q)));
 
-    const auto k_int = ToInt(k);
+    // k as an integer: the shifted sum's units are ones (|k| <= 128 is far
+    // below 2^22), so its bits are those of the magic number plus k. This
+    // spares the float-to-integer conversion, which SIMDe saturates lane by
+    // lane as NEON does.
+    const auto k_int = IntSub(Bits(shifted), IntSplat(std::bit_cast<int32_t>(kRoundMagic), Bits(shifted)));
     const auto half = HalfDown(k_int);
     T y = Mul(Mul(p, FromBits(ToFloatExponentBits(half))),
               FromBits(ToFloatExponentBits(IntSub(k_int, half))));
@@ -167,6 +172,7 @@ inline T LogF(T x) {
     const T s = Div(f, Add(Splat(2.0f, x), f));
     const T z = Mul(s, s);
     T series = Splat(kSeries[0], x);
+#pragma GCC unroll 8
     for (int32_t i = 1; i < 5; ++i) series = Add(Mul(series, z), Splat(kSeries[i], x));
     const T r = Mul(z, series);
     const T half_f2 = Mul(Mul(Splat(0.5f, x), f), f);

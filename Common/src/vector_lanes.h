@@ -11,6 +11,7 @@
 //   SquareRoot   refined reciprocal-root estimate in lanes, IEEE sqrt on the
 //                last bin
 //   Max, Min     NaN in, NaN out in both, as NEON's max and min have it
+//   AtLeast      Max against a constant floor
 // ExactQuotient is IEEE division in both, for stages whose quotients have
 // always been exact. A fused loop thus gives the bits of the element-wise
 // kernels it replaces, and which bins take which path is part of the result.
@@ -54,9 +55,10 @@ inline float FlushDenormal(float x) {
 }
 
 inline float32x4_t FlushDenormal(float32x4_t x) {
-    const uint32x4_t tiny = vcltq_f32(vabsq_f32(x), vdupq_n_f32(FLT_MIN));
-    const uint32x4_t sign_only = vandq_u32(vreinterpretq_u32_f32(x), vdupq_n_u32(0x80000000u));
-    return vbslq_f32(tiny, vreinterpretq_f32_u32(sign_only), x);
+    // Clears all bits but the sign where |x| is below FLT_MIN.
+    const uint32x4_t tiny = vcagtq_f32(vdupq_n_f32(FLT_MIN), x);
+    const uint32x4_t magnitude_bits = vandq_u32(tiny, vdupq_n_u32(0x7FFFFFFFu));
+    return vreinterpretq_f32_u32(vbicq_u32(vreinterpretq_u32_f32(x), magnitude_bits));
 }
 
 // One Newton-Raphson step towards 1 / b: x (2 - b x). Written as separate
@@ -70,6 +72,12 @@ inline float32x4_t ReciprocalStep(float32x4_t b, float32x4_t x) {
 // estimate is already exact (b = +-0 gives +-inf, b = +-inf gives +-0) it is
 // kept: the refinement would turn 0 * inf into NaN.
 inline float32x4_t Reciprocal(float32x4_t b) {
+#if !defined(__ARM_NEON)
+    // Where the emulated estimate takes its short form, no lane is a denormal,
+    // a zero or an infinity: the same result without the masks.
+    if (estimates::UsualForRecipEstimate(b)) [[likely]]
+        return ReciprocalStep(b, ReciprocalStep(b, estimates::UsualRecipEstimate(b)));
+#endif
     b = FlushDenormal(b);
     const float32x4_t estimate = estimates::RecipEstimate(b);
     const float32x4_t refined = ReciprocalStep(b, ReciprocalStep(b, estimate));
@@ -86,21 +94,29 @@ inline float32x4_t Reciprocal(float32x4_t b) {
 // __m128 on x86 but offers no vdivq_f32, so SSE divides the lanes.
 inline float32x4_t ExactQuotient(float32x4_t a, float32x4_t b) { return estimates::Divide(a, b); }
 
-// sqrt(a) = a * (1 / sqrt(a)): ARM's reciprocal square-root estimate with one
+// sqrt(a) = a * (1 / sqrt(a)) from an estimate of 1 / sqrt(a): one
 // Newton-Raphson step, x (3 - a x^2) / 2 in separate roundings (vrsqrtsq_f32
 // fuses on AArch64), then one correction of the root by its residual,
 // s + (a - s^2) / (2 sqrt(a)), which brings an 8-bit estimate to a few ULP.
-// Zero gives zero, +inf gives +inf, negative or NaN gives NaN.
-inline float32x4_t SquareRoot(float32x4_t a) {
-    a = FlushDenormal(a);
-    float32x4_t inv_root = estimates::RecipSqrtEstimate(a);
+inline float32x4_t RefinedRoot(float32x4_t a, float32x4_t inv_root) {
     const float32x4_t step = vsubq_f32(vdupq_n_f32(3.0f), vmulq_f32(vmulq_f32(a, inv_root), inv_root));
     inv_root = vmulq_f32(inv_root, vmulq_f32(step, vdupq_n_f32(0.5f)));
     const float32x4_t root = vmulq_f32(a, inv_root);
     const float32x4_t residual = vsubq_f32(a, vmulq_f32(root, root));
     const float32x4_t half_inv_root = vmulq_f32(inv_root, vdupq_n_f32(0.5f));
-    float32x4_t result = vaddq_f32(root, vmulq_f32(residual, half_inv_root));
+    return vaddq_f32(root, vmulq_f32(residual, half_inv_root));
+}
 
+// sqrt(a) from ARM's reciprocal square-root estimate. Zero gives zero, +inf
+// gives +inf, negative or NaN gives NaN.
+inline float32x4_t SquareRoot(float32x4_t a) {
+#if !defined(__ARM_NEON)
+    // Likewise: no lane to flush, keep or turn into NaN.
+    if (estimates::UsualForRecipSqrtEstimate(a)) [[likely]]
+        return RefinedRoot(a, estimates::UsualRecipSqrtEstimate(a));
+#endif
+    a = FlushDenormal(a);
+    float32x4_t result = RefinedRoot(a, estimates::RecipSqrtEstimate(a));
     const float32x4_t infinity = vdupq_n_f32(std::numeric_limits<float>::infinity());
     const uint32x4_t unchanged = vorrq_u32(vceqq_f32(a, vdupq_n_f32(0.0f)), vceqq_f32(a, infinity));
     const uint32x4_t invalid = vcltq_f32(a, vdupq_n_f32(0.0f));
@@ -138,6 +154,17 @@ inline float Max(float a, float b) {
     if (std::isnan(a) || std::isnan(b)) return std::numeric_limits<float>::quiet_NaN();
     return a > b ? a : b;
 }
+// Max(a, floor) for a floor that is a number other than zero, which NEON's
+// max and SSE's maxps agree on (maxps returns its second operand where
+// either is NaN, and differs otherwise only in the sign of a zero result):
+// one instruction on x86 instead of SIMDe's NaN-propagating emulation.
+inline Float4 AtLeast(Float4 a, float floor) {
+#if !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
+    if (floor != 0.0f && floor == floor) return Float4(_mm_max_ps(_mm_set1_ps(floor), a.v));
+#endif
+    return Max(a, Float4(floor));
+}
+inline float AtLeast(float a, float floor) { return Max(a, floor); }
 inline Float4 Min(Float4 a, Float4 b) { return Float4(vminq_f32(a.v, b.v)); }
 inline float Min(float a, float b) {
     if (std::isnan(a) || std::isnan(b)) return std::numeric_limits<float>::quiet_NaN();

@@ -1,5 +1,7 @@
 // Scans of a handle's floating-point state for the fuzzer and the soak tool:
-// every float array and scalar that a later block reads back.
+// every float array and scalar that a later block reads back, the direction
+// finder's and the enhanced mode's included. Scratch that a stage fills
+// before reading lives on the stack, not here.
 #pragma once
 
 #include <cmath>
@@ -69,6 +71,31 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(reference_power);
     KIVBF_VISIT(unity_gain);
     KIVBF_VISIT(pf_raw_gain);
+    KIVBF_VISIT(locate.window_low);
+    KIVBF_VISIT(locate.window_high);
+    KIVBF_VISIT(locate.built_speed);
+    KIVBF_VISIT(locate.built_axis);
+    KIVBF_VISIT(locate.phase_re);
+    KIVBF_VISIT(locate.phase_im);
+    KIVBF_VISIT(locate.advance_re);
+    KIVBF_VISIT(locate.advance_im);
+    KIVBF_VISIT(locate.map);
+    KIVBF_VISIT(locate.map_weight);
+    KIVBF_VISIT(locate.power);
+    KIVBF_VISIT(locate.noise_power);
+    KIVBF_VISIT(locate.noise_cross_re);
+    KIVBF_VISIT(locate.noise_cross_im);
+    KIVBF_VISIT(locate.cross_re);
+    KIVBF_VISIT(locate.cross_im);
+    KIVBF_VISIT(locate.diffuse);
+    KIVBF_VISIT(locate.direction);
+    KIVBF_VISIT(locate.confidence);
+    KIVBF_VISIT(enhanced.moments);
+    KIVBF_VISIT(enhanced.noise_covariance);
+    KIVBF_VISIT(enhanced.beam_noise);
+    KIVBF_VISIT(enhanced.beam_presence);
+    KIVBF_VISIT(enhanced.transfer);
+    KIVBF_VISIT(enhanced.prior_snr_memory);
 #undef KIVBF_VISIT
 }
 
