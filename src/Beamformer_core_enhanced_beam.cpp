@@ -16,11 +16,13 @@ namespace {
 constexpr float kTiny = 1e-20f;
 constexpr int32_t kBlockCountLimit = 1000;
 
-// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.999
-// when present (no more, so that nothing stays for long); during the first
-// blocks the plain running mean (faster).
+// Noise covariance: keep 0.985 of it when the talker is absent, all of it
+// while the talker surely speaks (any of the talker learned there lets the
+// beam cancel it); during the first blocks the plain running mean (faster).
+// Presence stays below one wherever the spatial cues are unsure, so nothing
+// stays frozen in it for long.
 constexpr float kNoiseKeepAbsent = 0.985f;
-constexpr float kNoiseKeepRange = 0.014f;
+constexpr float kNoiseKeepRange = 0.015f;
 constexpr int32_t kWarmUpBlocks = 50;
 
 // Transfer function: forgetting of its presence-weighted statistics, the
@@ -33,10 +35,13 @@ constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
 
 // Diagonal loading, times the mean of the diagonal: kLoading where the noise
-// is as diffuse as a diffuse field would be, falling to kLoadingPoint where
-// it is one point source (coherence 1), whose null may then go deep.
-constexpr float kLoading = 0.1f;
-constexpr float kLoadingPoint = 0.001f;
+// is as diffuse as a diffuse field would be, falling with the square of the
+// distance from that towards kLoadingPoint where it is one point source
+// (coherence 1). A point source's null needs large weights at low
+// frequencies, where the microphones' phases differ little: with 3 cm at
+// 100 Hz a loading of 1e-3 alone holds it to about -9 dB.
+constexpr float kLoading = 0.05f;
+constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
 constexpr float kGainFloor = 0.5f;         // -6 dB
 
@@ -119,7 +124,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T g = Load(b.diffuse_sinc + k, zero);
         const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
         const T pointness = Clamp(Div(Sub(coherence, diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
-        const T factor = Add(Mul(Splat(kLoading, zero), Sub(one, pointness)), Splat(kLoadingPoint, zero));
+        const T spread = Sub(one, pointness);
+        const T factor = Add(Mul(Splat(kLoading, zero), Mul(spread, spread)), Splat(kLoadingPoint, zero));
         const T loading = Add(Mul(Mul(factor, Splat(0.5f, zero)), Add(n[0], n[1])), tiny);
         const T r00 = Add(n[0], loading), r11 = Add(n[1], loading);
         const T u0r = Sub(r11, Sub(Mul(n[2], hr), Mul(n[3], hi)));
