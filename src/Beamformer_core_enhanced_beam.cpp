@@ -16,18 +16,22 @@ namespace {
 constexpr float kTiny = 1e-20f;
 constexpr int32_t kBlockCountLimit = 1000;
 
+// The forgetting factors below hold for 8 ms blocks (16 kHz); at other rates
+// they are raised to the block's length over that, so that they keep their
+// time in seconds. They are given by their natural logarithms.
+constexpr int32_t kReferenceRate = 16000;
+
 // Noise covariance: keep 0.985 of it when the talker is absent, all of it
 // while the talker surely speaks (any of the talker learned there lets the
 // beam cancel it); during the first blocks the plain running mean (faster).
 // Presence stays below one wherever the spatial cues are unsure, so nothing
 // stays frozen in it for long.
-constexpr float kNoiseKeepAbsent = 0.985f;
-constexpr float kNoiseKeepRange = 0.015f;
+constexpr double kLogNoiseKeepAbsent = -0.015113637810048184;  // ln 0.985
 constexpr int32_t kWarmUpBlocks = 50;
 
 // Transfer function: forgetting of its presence-weighted statistics, the
 // share of the estimate against free field, and how far it may stray.
-constexpr float kTransferKeep = 0.995f;
+constexpr double kLogTransferKeep = -0.005012541823544286;  // ln 0.995
 constexpr float kShareLow = 0.2f;
 constexpr float kShareHigh = 0.8f;
 constexpr float kCos35 = 0.819152044f;
@@ -73,6 +77,10 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     Bf_EnhancedSteering(s, b);
     Bf_EnhancedPresence(s, b);
 
+    const double blocks_per_reference = static_cast<double>(kReferenceRate) / s.sample_rate;
+    const float noise_keep_absent = static_cast<float>(math::Exp(kLogNoiseKeepAbsent * blocks_per_reference));
+    const float noise_keep_range = 1.0f - noise_keep_absent;
+    const float transfer_keep_factor = static_cast<float>(math::Exp(kLogTransferKeep * blocks_per_reference));
     const float warm_up = e.blocks < kWarmUpBlocks
                               ? static_cast<float>(e.blocks) / static_cast<float>(e.blocks + 1)
                               : 1.0f;
@@ -88,7 +96,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         // Noise covariance.
         const T inst[4] = {Add(Mul(x0r, x0r), Mul(x0i, x0i)), Add(Mul(x1r, x1r), Mul(x1i, x1i)),
                            Add(Mul(x0r, x1r), Mul(x0i, x1i)), Sub(Mul(x0i, x1r), Mul(x0r, x1i))};
-        const T keep = Min(Add(Splat(kNoiseKeepAbsent, zero), Mul(Splat(kNoiseKeepRange, zero), p)),
+        const T keep = Min(Add(Splat(noise_keep_absent, zero), Mul(Splat(noise_keep_range, zero), p)),
                            Splat(warm_up, zero));
         const T take = Sub(one, keep);
         T n[4];
@@ -99,8 +107,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         }
 
         // Transfer function from the talker-weighted, noise-subtracted statistics.
-        const T weight = Mul(Splat(1.0f - kTransferKeep, zero), Mul(p, p));
-        const T transfer_keep = Splat(kTransferKeep, zero);
+        const T weight = Mul(Splat(1.0f - transfer_keep_factor, zero), Mul(p, p));
+        const T transfer_keep = Splat(transfer_keep_factor, zero);
         const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
         const T ti = Add(Mul(transfer_keep, Load(e.transfer[1] + k, zero)), Mul(weight, Sub(n[3], inst[3])));
         const T td = Add(Mul(transfer_keep, Load(e.transfer[2] + k, zero)), Mul(weight, Sub(inst[0], n[0])));
