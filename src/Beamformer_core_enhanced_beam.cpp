@@ -16,16 +16,22 @@ namespace {
 constexpr float kTiny = 1e-20f;
 constexpr int32_t kBlockCountLimit = 1000;
 
-// Noise covariance: keep 0.985 of it when the talker is absent, up to 0.999
-// when present (no more, so that nothing stays for long); during the first
-// blocks the plain running mean (faster).
-constexpr float kNoiseKeepAbsent = 0.985f;
-constexpr float kNoiseKeepRange = 0.014f;
+// The forgetting factors below hold for 8 ms blocks (16 kHz); at other rates
+// they are raised to the block's length over that, so that they keep their
+// time in seconds. They are given by their natural logarithms.
+constexpr int32_t kReferenceRate = 16000;
+
+// Noise covariance: keep 0.985 of it when the talker is absent, all of it
+// while the talker surely speaks (any of the talker learned there lets the
+// beam cancel it); during the first blocks the plain running mean (faster).
+// Presence stays below one wherever the spatial cues are unsure, so nothing
+// stays frozen in it for long.
+constexpr double kLogNoiseKeepAbsent = -0.015113637810048184;  // ln 0.985
 constexpr int32_t kWarmUpBlocks = 50;
 
 // Transfer function: forgetting of its presence-weighted statistics, the
 // share of the estimate against free field, and how far it may stray.
-constexpr float kTransferKeep = 0.995f;
+constexpr double kLogTransferKeep = -0.005012541823544286;  // ln 0.995
 constexpr float kShareLow = 0.2f;
 constexpr float kShareHigh = 0.8f;
 constexpr float kCos35 = 0.819152044f;
@@ -33,10 +39,13 @@ constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
 
 // Diagonal loading, times the mean of the diagonal: kLoading where the noise
-// is as diffuse as a diffuse field would be, falling to kLoadingPoint where
-// it is one point source (coherence 1), whose null may then go deep.
-constexpr float kLoading = 0.1f;
-constexpr float kLoadingPoint = 0.001f;
+// is as diffuse as a diffuse field would be, falling with the square of the
+// distance from that towards kLoadingPoint where it is one point source
+// (coherence 1). A point source's null needs large weights at low
+// frequencies, where the microphones' phases differ little: with 3 cm at
+// 100 Hz a loading of 1e-3 alone holds it to about -9 dB.
+constexpr float kLoading = 0.05f;
+constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
 constexpr float kGainFloor = 0.5f;         // -6 dB
 
@@ -68,6 +77,10 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     Bf_EnhancedSteering(s, b);
     Bf_EnhancedPresence(s, b);
 
+    const double blocks_per_reference = static_cast<double>(kReferenceRate) / s.sample_rate;
+    const float noise_keep_absent = static_cast<float>(math::Exp(kLogNoiseKeepAbsent * blocks_per_reference));
+    const float noise_keep_range = 1.0f - noise_keep_absent;
+    const float transfer_keep_factor = static_cast<float>(math::Exp(kLogTransferKeep * blocks_per_reference));
     const float warm_up = e.blocks < kWarmUpBlocks
                               ? static_cast<float>(e.blocks) / static_cast<float>(e.blocks + 1)
                               : 1.0f;
@@ -83,7 +96,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         // Noise covariance.
         const T inst[4] = {Add(Mul(x0r, x0r), Mul(x0i, x0i)), Add(Mul(x1r, x1r), Mul(x1i, x1i)),
                            Add(Mul(x0r, x1r), Mul(x0i, x1i)), Sub(Mul(x0i, x1r), Mul(x0r, x1i))};
-        const T keep = Min(Add(Splat(kNoiseKeepAbsent, zero), Mul(Splat(kNoiseKeepRange, zero), p)),
+        const T keep = Min(Add(Splat(noise_keep_absent, zero), Mul(Splat(noise_keep_range, zero), p)),
                            Splat(warm_up, zero));
         const T take = Sub(one, keep);
         T n[4];
@@ -94,8 +107,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         }
 
         // Transfer function from the talker-weighted, noise-subtracted statistics.
-        const T weight = Mul(Splat(1.0f - kTransferKeep, zero), Mul(p, p));
-        const T transfer_keep = Splat(kTransferKeep, zero);
+        const T weight = Mul(Splat(1.0f - transfer_keep_factor, zero), Mul(p, p));
+        const T transfer_keep = Splat(transfer_keep_factor, zero);
         const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
         const T ti = Add(Mul(transfer_keep, Load(e.transfer[1] + k, zero)), Mul(weight, Sub(n[3], inst[3])));
         const T td = Add(Mul(transfer_keep, Load(e.transfer[2] + k, zero)), Mul(weight, Sub(inst[0], n[0])));
@@ -119,7 +132,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T g = Load(b.diffuse_sinc + k, zero);
         const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
         const T pointness = Clamp(Div(Sub(coherence, diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
-        const T factor = Add(Mul(Splat(kLoading, zero), Sub(one, pointness)), Splat(kLoadingPoint, zero));
+        const T spread = Sub(one, pointness);
+        const T factor = Add(Mul(Splat(kLoading, zero), Mul(spread, spread)), Splat(kLoadingPoint, zero));
         const T loading = Add(Mul(Mul(factor, Splat(0.5f, zero)), Add(n[0], n[1])), tiny);
         const T r00 = Add(n[0], loading), r11 = Add(n[1], loading);
         const T u0r = Sub(r11, Sub(Mul(n[2], hr), Mul(n[3], hi)));
