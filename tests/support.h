@@ -1,9 +1,14 @@
 // Helpers shared by the tests: a working buffer with the alignment malloc
-// gives, a handle configured the usual way, and stdout capture.
+// gives, a handle configured the usual way, stdout capture and the
+// message-level file.
 #pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -53,6 +58,18 @@ std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> 
 
 // The handle's current configuration; expects GetConfig to succeed.
 AudioBfConfig CurrentConfig(AudioBfHandle handle);
+
+// Writes `contents` to a file of the test's own and points DML_PATH at it.
+inline std::string SetLevelFile(const std::string &contents) {
+    const std::string path = testing::TempDir() + "kivbf_level_" + std::to_string(getpid()) + ".json";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+    setenv("DML_PATH", path.c_str(), 1);
+    return path;
+}
+
+inline void SetMessageLevel(int level) {
+    SetLevelFile("{\"debug_level\": " + std::to_string(level) + "}");
+}
 
 // Start of every error message of the beamformer.
 inline const std::string kBfError = "[ALGO_MSG_ERR] [BF] ";

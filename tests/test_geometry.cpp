@@ -4,7 +4,6 @@
 #include <cmath>
 
 #include "AudioBfProcess_internal.h"
-#include "level_file.h"
 #include "support.h"
 
 using namespace kivbf_test;

@@ -7,7 +7,6 @@
 
 #include "AudioBfProcess_internal.h"
 #include "AudioVadProcess.h"
-#include "level_file.h"
 #include "support.h"
 
 using namespace kivbf_test;

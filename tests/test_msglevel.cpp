@@ -4,7 +4,6 @@
 
 #include "debug_msglevel.h"
 #include "kivbf_ext.h"
-#include "level_file.h"
 #include "support.h"
 
 using namespace kivbf_test;
