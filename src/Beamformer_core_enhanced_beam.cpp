@@ -47,7 +47,9 @@ constexpr float kGainLimit = 1.5f;
 constexpr float kLoading = 0.05f;
 constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
-constexpr float kGainFloor = 0.5f;         // -6 dB
+// Post-filter floor: lower where the talker is absent, higher where it speaks.
+constexpr float kGainFloorAbsent = 0.3f;
+constexpr float kGainFloorPresent = 0.6f;
 constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
 
 // The relative transfer function's ratio to the free-field steering, its
@@ -170,7 +172,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
         const T prior = Add(Mul(Splat(kDecisionDirected, zero), Load(e.prior_snr_memory + k, zero)),
                             Mul(Splat(1.0f - kDecisionDirected, zero), Max(Sub(gamma, one), Splat(0.0f, zero))));
-        const T gain = Max(Div(prior, Add(one, prior)), Splat(kGainFloor, zero));
+        const T floor = Add(Splat(kGainFloorAbsent, zero), Mul(Splat(kGainFloorPresent - kGainFloorAbsent, zero), p));
+        const T gain = Max(Div(prior, Add(one, prior)), floor);
         Store(e.prior_snr_memory + k, Mul(Mul(gain, gain), gamma));
         StoreComplex(spectrum + 2 * k, Mul(gain, yr), Mul(gain, yi));
     });
