@@ -33,7 +33,7 @@ constexpr int32_t kWarmUpBlocks = 50;
 // share of the estimate against free field, and how far it may stray.
 constexpr double kLogTransferKeep = -0.005012541823544286;  // ln 0.995
 constexpr float kShareLow = 0.2f;
-constexpr float kShareHigh = 0.8f;
+constexpr float kShareHigh = 0.9f;
 constexpr float kCos35 = 0.819152044f;
 constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
