@@ -49,7 +49,7 @@ constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
 // Post-filter floor: lower where the talker is absent, higher where it speaks.
 constexpr float kGainFloorAbsent = 0.3f;
-constexpr float kGainFloorPresent = 0.6f;
+constexpr float kGainFloorPresent = 0.55f;
 constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
 
 // The relative transfer function's ratio to the free-field steering, its
