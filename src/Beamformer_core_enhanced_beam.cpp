@@ -150,8 +150,9 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         // Beam output w^H x and its noise power w^H Rn w.
         T yr = Add(Add(Mul(w0r, x0r), Mul(w0i, x0i)), Add(Mul(w1r, x1r), Mul(w1i, x1i)));
         T yi = Add(Sub(Mul(w0r, x0i), Mul(w0i, x0r)), Sub(Mul(w1r, x1i), Mul(w1i, x1r)));
-        // Guard: never more than the fixed beam (x0 + conj(d) x1) / 2 passes;
-        // above it the weights amplify what they should have cancelled.
+        // Guard: at most kGuardLimit times the power of the fixed beam
+        // (x0 + conj(d) x1) / 2 passes; above it the weights amplify what they
+        // should have cancelled.
         {
             const T fr = Mul(Add(x0r, Add(Mul(dr, x1r), Mul(di, x1i))), Splat(0.5f, zero));
             const T fi = Mul(Add(x0i, Sub(Mul(dr, x1i), Mul(di, x1r))), Splat(0.5f, zero));
