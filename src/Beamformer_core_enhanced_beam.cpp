@@ -33,7 +33,7 @@ constexpr int32_t kWarmUpBlocks = 50;
 // share of the estimate against free field, and how far it may stray.
 constexpr double kLogTransferKeep = -0.005012541823544286;  // ln 0.995
 constexpr float kShareLow = 0.2f;
-constexpr float kShareHigh = 0.8f;
+constexpr float kShareHigh = 0.9f;
 constexpr float kCos35 = 0.819152044f;
 constexpr float kSin35 = 0.573576436f;
 constexpr float kGainLimit = 1.5f;
@@ -47,7 +47,10 @@ constexpr float kGainLimit = 1.5f;
 constexpr float kLoading = 0.05f;
 constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
-constexpr float kGainFloor = 0.5f;         // -6 dB
+// Post-filter floor: lower where the talker is absent, higher where it speaks.
+constexpr float kGainFloorAbsent = 0.3f;
+constexpr float kGainFloorPresent = 0.55f;
+constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
 
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
@@ -145,8 +148,20 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T w1r = Div(u1r, norm), w1i = Div(u1i, norm);
 
         // Beam output w^H x and its noise power w^H Rn w.
-        const T yr = Add(Add(Mul(w0r, x0r), Mul(w0i, x0i)), Add(Mul(w1r, x1r), Mul(w1i, x1i)));
-        const T yi = Add(Sub(Mul(w0r, x0i), Mul(w0i, x0r)), Sub(Mul(w1r, x1i), Mul(w1i, x1r)));
+        T yr = Add(Add(Mul(w0r, x0r), Mul(w0i, x0i)), Add(Mul(w1r, x1r), Mul(w1i, x1i)));
+        T yi = Add(Sub(Mul(w0r, x0i), Mul(w0i, x0r)), Sub(Mul(w1r, x1i), Mul(w1i, x1r)));
+        // Guard: at most kGuardLimit times the power of the fixed beam
+        // (x0 + conj(d) x1) / 2 passes; above it the weights amplify what they
+        // should have cancelled.
+        {
+            const T fr = Mul(Add(x0r, Add(Mul(dr, x1r), Mul(di, x1i))), Splat(0.5f, zero));
+            const T fi = Mul(Add(x0i, Sub(Mul(dr, x1i), Mul(di, x1r))), Splat(0.5f, zero));
+            const T fixed = Add(Mul(fr, fr), Mul(fi, fi));
+            const T out = Max(Add(Mul(yr, yr), Mul(yi, yi)), tiny);
+            const T scale = Min(Sqrt(Div(Mul(Splat(kGuardLimit, zero), fixed), out)), one);
+            yr = Mul(yr, scale);
+            yi = Mul(yi, scale);
+        }
         const T qr = Add(Mul(w0r, n[2]), Mul(w0i, n[3]));
         const T qi = Sub(Mul(w0r, n[3]), Mul(w0i, n[2]));
         T noise = Add(Mul(Add(Mul(w0r, w0r), Mul(w0i, w0i)), n[0]),
@@ -158,7 +173,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
         const T prior = Add(Mul(Splat(kDecisionDirected, zero), Load(e.prior_snr_memory + k, zero)),
                             Mul(Splat(1.0f - kDecisionDirected, zero), Max(Sub(gamma, one), Splat(0.0f, zero))));
-        const T gain = Max(Div(prior, Add(one, prior)), Splat(kGainFloor, zero));
+        const T floor = Add(Splat(kGainFloorAbsent, zero), Mul(Splat(kGainFloorPresent - kGainFloorAbsent, zero), p));
+        const T gain = Max(Div(prior, Add(one, prior)), floor);
         Store(e.prior_snr_memory + k, Mul(Mul(gain, gain), gamma));
         StoreComplex(spectrum + 2 * k, Mul(gain, yr), Mul(gain, yi));
     });
