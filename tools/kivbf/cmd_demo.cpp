@@ -292,6 +292,7 @@ std::vector<size_t> From(const std::vector<size_t> &firsts, size_t from) {
 // taken after the step, the first 0.5 s of it left out.
 int RunMovingTalker(const DemoOptions &options, const std::vector<int16_t> &interferer, size_t frames) {
     LibrarySettings settings = options.library;
+    settings.enhanced = false;  // the mode table above ends on the enhanced mode
     const double cycle = kPauseSeconds + kBurstSeconds;
     const double step_seconds = std::floor(0.5 * options.seconds / cycle) * cycle;
     const auto step = static_cast<size_t>(step_seconds * settings.sample_rate);
