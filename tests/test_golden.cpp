@@ -1,5 +1,5 @@
-// Golden outputs: fixed scenes through KivBf_Run in every mode and in the
-// settings that change the signal path, each output reduced to a line of
+// Golden outputs: fixed scenes through KivBf_Run in every mode, the enhanced
+// mode and the settings that change the signal path, each output reduced to a line of
 // figures (FNV-1a 64 of the output bytes, RMS, peak, first non-zero samples) and
 // compared exactly with tests/data/golden.txt. Any change to the arithmetic
 // anywhere in the library shows up here; when the change is intended,
@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "kivbf_ext.h"
 #include "scene.h"
 #include "support.h"
 
@@ -79,29 +80,32 @@ struct GoldenCase {
     int32_t intensity;  // -1: leave the default
     int32_t pf_flow;    // -1: leave the default
     bool dynamic_loading;
+    bool enhanced;      // KivBfExt_SetEnhancedMode(1) after the other setters
 };
 
 constexpr GoldenCase kCases[] = {
-    {"mode0", 0, 0, 0.0f, 0, 0, 0, -1, -1, false},
-    {"mode1", 0, 1, 0.0f, 0, 0, 0, -1, -1, false},
-    {"mode1_angle_-30", 0, 1, -30.0f, 0, 0, 0, -1, -1, false},
-    {"mode1_dynamic_loading", 0, 1, 0.0f, 0, 0, 0, -1, -1, true},
-    {"mode2", 0, 2, 0.0f, 0, 0, 0, -1, -1, false},
-    {"mode3_pf_flow_1", 0, 3, 0.0f, 0, 0, 0, -1, -1, false},
-    {"mode3_pf_flow_0", 0, 3, 0.0f, 0, 0, 0, -1, 0, false},
-    {"mode3_pf_flow_2", 0, 3, 0.0f, 0, 0, 0, -1, 2, false},
-    {"mode3_intensity_4", 0, 3, 0.0f, 0, 0, 0, 4, -1, false},
-    {"mode3_vad", 0, 3, 0.0f, 1, 0, 0, -1, -1, false},
-    {"mode4_refused", 0, 4, 0.0f, 0, 0, 0, -1, -1, false},
-    {"mode0_calibration", 0, 0, 0.0f, 0, 0, 1, -1, -1, false},
-    {"mode0_vad", 0, 0, 0.0f, 1, 0, 0, -1, -1, false},
-    {"mode0_noise_estimation_1", 0, 0, 0.0f, 0, 1, 0, -1, -1, false},
-    {"mode0_intensity_3", 0, 0, 0.0f, 0, 0, 0, 3, -1, false},
-    {"bursts_mode0", 1, 0, 0.0f, 0, 0, 0, -1, -1, false},
-    {"bursts_mode1", 1, 1, 0.0f, 0, 0, 0, -1, -1, false},
-    {"bursts_mode2", 1, 2, 0.0f, 0, 0, 0, -1, -1, false},
-    {"bursts_mode3", 1, 3, 0.0f, 0, 0, 0, -1, -1, false},
-    {"bursts_mode4", 1, 4, 0.0f, 0, 0, 0, -1, -1, false},
+    {"mode0", 0, 0, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode1", 0, 1, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode1_angle_-30", 0, 1, -30.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode1_dynamic_loading", 0, 1, 0.0f, 0, 0, 0, -1, -1, true, false},
+    {"mode2", 0, 2, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode3_pf_flow_1", 0, 3, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode3_pf_flow_0", 0, 3, 0.0f, 0, 0, 0, -1, 0, false, false},
+    {"mode3_pf_flow_2", 0, 3, 0.0f, 0, 0, 0, -1, 2, false, false},
+    {"mode3_intensity_4", 0, 3, 0.0f, 0, 0, 0, 4, -1, false, false},
+    {"mode3_vad", 0, 3, 0.0f, 1, 0, 0, -1, -1, false, false},
+    {"mode4_refused", 0, 4, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"mode0_calibration", 0, 0, 0.0f, 0, 0, 1, -1, -1, false, false},
+    {"mode0_vad", 0, 0, 0.0f, 1, 0, 0, -1, -1, false, false},
+    {"mode0_noise_estimation_1", 0, 0, 0.0f, 0, 1, 0, -1, -1, false, false},
+    {"mode0_intensity_3", 0, 0, 0.0f, 0, 0, 0, 3, -1, false, false},
+    {"bursts_mode0", 1, 0, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"bursts_mode1", 1, 1, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"bursts_mode2", 1, 2, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"bursts_mode3", 1, 3, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"bursts_mode4", 1, 4, 0.0f, 0, 0, 0, -1, -1, false, false},
+    {"enhanced", 0, 0, 0.0f, 0, 0, 0, -1, -1, false, true},
+    {"bursts_enhanced", 1, 0, 0.0f, 0, 0, 0, -1, -1, false, true},
 };
 
 std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &scene) {
@@ -125,6 +129,9 @@ std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &sc
     }
     if (c.pf_flow >= 0) {
         EXPECT_EQ(KivBf_SetPfFlow(handle, static_cast<uint32_t>(c.pf_flow)), KIVBF_OK);
+    }
+    if (c.enhanced) {
+        EXPECT_EQ(KivBfExt_SetEnhancedMode(handle, 1), KIVBF_OK);
     }
 
     const std::vector<int16_t> output = kivbf_test::RunStream(handle, scene, c.angle);
