@@ -44,6 +44,7 @@ struct BfEnhancedBlock {
     float resolvable[kivbf::kBins];         // 1 where the spacing resolves direction, else 0
     int32_t first_resolvable;               // first bin with resolvable 1
     float fixed_power[kivbf::kBins + 2 * kEnhancedGuard];    // averaged |fixed beam|^2
+    float block_fixed_power[kivbf::kBins];                   // this block's |fixed beam|^2
     float blocked_power[kivbf::kBins + 2 * kEnhancedGuard];  // averaged |look-cancelled|^2
     float ratio_cue[kivbf::kBins + 2 * kEnhancedGuard];      // directional SNR, dB
     float coherence_cue[kivbf::kBins];      // coherence along the look direction

@@ -154,9 +154,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         // (x0 + conj(d) x1) / 2 passes; above it the weights amplify what they
         // should have cancelled.
         {
-            const T fr = Mul(Add(x0r, Add(Mul(dr, x1r), Mul(di, x1i))), Splat(0.5f, zero));
-            const T fi = Mul(Add(x0i, Sub(Mul(dr, x1i), Mul(di, x1r))), Splat(0.5f, zero));
-            const T fixed = Add(Mul(fr, fr), Mul(fi, fi));
+            const T fixed = Load(b.block_fixed_power + k, zero);
             const T out = Max(Add(Mul(yr, yr), Mul(yi, yi)), tiny);
             const T scale = Min(Sqrt(Div(Mul(Splat(kGuardLimit, zero), fixed), out)), one);
             yr = Mul(yr, scale);

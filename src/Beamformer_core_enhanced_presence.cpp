@@ -117,6 +117,7 @@ void Bf_EnhancedPresence(BfCoreState &s, BfEnhancedBlock &b) {
         const T yr = Add(x0r, Add(Mul(dr, x1r), Mul(di, x1i)));
         const T yi = Add(x0i, Sub(Mul(dr, x1i), Mul(di, x1r)));
         const T power = Mul(Add(Mul(yr, yr), Mul(yi, yi)), quarter);
+        Store(b.block_fixed_power + k, power);
         T noise = Load(e.beam_noise + k, zero);
         if (first) noise = power;
         noise = Max(noise, tiny);
