@@ -292,7 +292,7 @@ std::vector<size_t> From(const std::vector<size_t> &firsts, size_t from) {
 // taken after the step, the first 0.5 s of it left out.
 int RunMovingTalker(const DemoOptions &options, const std::vector<int16_t> &interferer, size_t frames) {
     LibrarySettings settings = options.library;
-    settings.enhanced = false;  // the mode table above ends on the enhanced mode
+    settings.enhanced = false;  // modes 0 and 3 themselves, whatever the options asked for
     const double cycle = kPauseSeconds + kBurstSeconds;
     const double step_seconds = std::floor(0.5 * options.seconds / cycle) * cycle;
     const auto step = static_cast<size_t>(step_seconds * settings.sample_rate);
@@ -406,9 +406,10 @@ int Command_Demo(int argc, char **argv) {
     std::vector<std::string> rows;
     int failures = 0;
     for (const ModeRow &row : kModeRows) {
-        settings.mode = row.mode;
-        settings.enhanced = row.enhanced;
-        Beamformer bf(settings);
+        LibrarySettings row_settings = settings;  // the moving-talker run below starts from `settings`
+        row_settings.mode = row.mode;
+        row_settings.enhanced = row.enhanced;
+        Beamformer bf(row_settings);
         std::vector<int16_t> output;
         char line[160];
         if (!bf.Ok()) {
