@@ -1,5 +1,6 @@
 """The benchmark's simulator and metrics: room decay, array geometry, diffuse
-coherence, scene levels, and the metrics on cases with known answers."""
+coherence, scene levels, the metrics on cases with known answers, and the
+ideal-MVDR bound."""
 import os
 import sys
 import unittest
@@ -10,6 +11,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "eval"))
 import numpy as np  # noqa: E402
 import scipy.signal  # noqa: E402
 
+import ideal  # noqa: E402
 import metrics  # noqa: E402
 import rooms  # noqa: E402
 import scenes  # noqa: E402
@@ -102,6 +104,17 @@ class Metrics(unittest.TestCase):
         self.assertEqual(r["lag"], 128)
         self.assertAlmostEqual(r["si_sdr_gain"], 0.0, delta=0.05)
         self.assertAlmostEqual(r["snr_gain"], 0.0, delta=0.1)
+
+    def test_ideal_bound_cancels_a_point_noise_and_passes_the_talker(self):
+        talker, _ = _scene(snr_db=0.0)
+        rng = np.random.default_rng(7)
+        source = rng.standard_normal(len(talker)) * np.std(talker[:, 0])
+        noise = np.stack([source, np.roll(source, -1)], axis=1)   # from the other side
+        parts = (ideal.ideal_mvdr(talker, talker, noise), ideal.ideal_mvdr(noise, talker, noise))
+        r = metrics.evaluate(ideal.ideal_mvdr(talker + noise, talker, noise), talker, noise, RATE, parts)
+        self.assertEqual(r["lag"], 0)
+        self.assertGreater(r["snr_gain"], 20.0)
+        self.assertGreater(r["si_sdr_gain"], 15.0)
 
 
 if __name__ == "__main__":

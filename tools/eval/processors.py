@@ -20,6 +20,7 @@ import numpy as np
 
 import kivbf
 import rooms
+from ideal import ideal_mvdr
 
 BLOCK = kivbf.POINT_NUMBER
 
@@ -138,3 +139,10 @@ def delay_and_sum(pcm, scene):
     y = 0.5 * (delay(x[:, 0], max(lag, 0.0), scene.sample_rate) +
                delay(x[:, 1], max(-lag, 0.0), scene.sample_rate))
     return y, None
+
+
+@processor("ideal", "bound: MVDR and Wiener gain from the scene's true statistics", linear=True)
+def ideal(pcm, scene):
+    """Knows the talker's and the noise's images: an upper bound for the
+    adaptive modes at one block's frame, not a system (see ideal.py)."""
+    return ideal_mvdr(pcm / 32768.0, scene.talker, scene.noise), None
