@@ -1,7 +1,8 @@
 // Enhanced mode, second half: the noise covariance (forgetting set by the
 // presence), a relative transfer function estimated where the talker
 // dominates and held near the look direction, MVDR weights with diagonal
-// loading, and a decision-directed Wiener post-filter whose noise is the
+// loading, a guard that leans towards microphone 0 where it is already
+// clean, and a decision-directed Wiener post-filter whose noise is the
 // covariance seen through the weights.
 #include <cstring>
 
@@ -51,6 +52,14 @@ constexpr float kDecisionDirected = 0.8f;
 constexpr float kGainFloorAbsent = 0.3f;
 constexpr float kGainFloorPresent = 0.55f;
 constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
+// Reference guard: from kCleanLow to kCleanHigh (log10 of the talker's power
+// over the noise's at microphone 0) the output moves over to microphone 0,
+// as far as the beam's own noise is not below kBeamGainFree times the
+// microphone's.
+constexpr float kCleanLow = 0.5f;
+constexpr float kCleanHigh = 1.5f;
+constexpr float kBeamGainFree = 0.7f;
+constexpr float kInverseLn10 = 0.434294482f;
 
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
@@ -166,6 +175,22 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
                       Mul(Add(Mul(w1r, w1r), Mul(w1i, w1i)), n[1]));
         const T cross = Sub(Mul(qr, w1r), Mul(qi, w1i));
         noise = Max(Add(noise, Add(cross, cross)), tiny);
+
+        // Reference guard. Where the talker already stands well above the
+        // noise at microphone 0, that microphone is clean, and a beam changes
+        // the talker's reverberation, which one block's frame cannot follow,
+        // more than it removes noise: the output leans towards microphone 0
+        // there, the less so the more the beam lowers the noise.
+        {
+            const T talker = Max(Sub(Load(e.moments[0] + k, zero), n[0]), Splat(0.0f, zero));
+            const T clean = Mul(math::LogF(Max(Div(talker, n[0]), Splat(1e-6f, zero))), Splat(kInverseLn10, zero));
+            const T lean = Clamp(Mul(Sub(clean, Splat(kCleanLow, zero)), Splat(1.0f / (kCleanHigh - kCleanLow), zero)),
+                                 0.0f, 1.0f);
+            const T kept = Min(Div(noise, Mul(Splat(kBeamGainFree, zero), n[0])), one);
+            const T share = Mul(lean, Mul(kept, kept));
+            yr = Add(yr, Mul(share, Sub(x0r, yr)));
+            yi = Add(yi, Mul(share, Sub(x0i, yi)));
+        }
 
         // Decision-directed Wiener gain with a floor.
         const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
