@@ -158,6 +158,9 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     const V root = Root(Add(Mul(q, q), Mul(spare, Add(Mul(r, r), Mul(s_im, s_im)))));
     const V direct = Add(q, root);
     const V spare_power = Mul(spare, talker_power);
+    // A bin claiming more direct power than it has power (the noise's
+    // estimates took out more power than cross-spectrum) keeps its solution:
+    // the cap would hand it the plain phase of what the noise left.
     const V capped = Select(Less(spare_power, direct), direct, Min(direct, Mul(Splat(direct_share, re0), spare_power)));
     const V z_re = Add(Mul(spare, r), Mul(g, capped));
     const V z_im = Mul(spare, s_im);
