@@ -58,7 +58,7 @@ constexpr float kResolvedCoherence = 0.5f;  // bins below it teach the direct sh
 constexpr float kResolvedRatio = 50.0f;     // if this far above the noise
 constexpr float kDirectShareStart = 1.0f;
 constexpr float kDirectShareStartWeight = 100.0f;  // in bin weights
-constexpr float kDirectShareMemory = 0.99f;        // per counted block
+constexpr float kDirectShareMemory = 0.99f;        // per counted block with resolved bins
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
 constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
@@ -381,8 +381,13 @@ void Bf_Locate(BfCoreState &s) {
     // rise above it is meaningless (the first blocks rise from nothing) and
     // would put the full weight on whatever the first frames hold.
     if (l.blocks_seen < kQuietStartBlocks) return;
-    l.direct_share_sum = l.direct_share_sum * kDirectShareMemory + share.sum;
-    l.direct_share_weight = l.direct_share_weight * kDirectShareMemory + share.weight;
+    // Only blocks that bring evidence of the share make it forget, so that
+    // without any (at 8 kHz, or while noise hides the upper band) it holds
+    // its value rather than both sums decaying towards 0 / 0.
+    if (share.weight > 0.0f) {
+        l.direct_share_sum = l.direct_share_sum * kDirectShareMemory + share.sum;
+        l.direct_share_weight = l.direct_share_weight * kDirectShareMemory + share.weight;
+    }
     l.map_weight = l.map_weight * kMapMemory + AccumulateMap(l, evidence);
 
     int32_t peak = 0;
