@@ -64,6 +64,10 @@ struct BfLocateState {
     BF_ALIGN float cross_re[kivbf::kLocateMaxBins];   // smoothed cross-spectrum X0 X1*
     BF_ALIGN float cross_im[kivbf::kLocateMaxBins];
     BF_ALIGN float diffuse[kivbf::kLocateMaxBins];    // the reverberation's modelled coherence, 2 sinc(2 pi f axis / c) below 1
+    // The direct sound's share of a bin's talker power, tracked from the bins
+    // that can tell it: their weighted sum and the weight (decaying).
+    float direct_share_sum;
+    float direct_share_weight;
     float direction;            // degrees, -90..90
     float confidence;           // 0..1; 0 until a first estimate
 };

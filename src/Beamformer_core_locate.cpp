@@ -47,6 +47,18 @@ constexpr float kDiffuseTilt = 0.5f;        // bins lose this share of the diffu
 // outweighs a louder one near it there.
 constexpr float kReverberationCoherence = 2.0f;
 constexpr float kMaxCoherence = 0.999f;
+// A steady harmonic is as coherent between the microphones as a plane wave
+// even where most of its power is reverberant: at one frequency the room is
+// one fixed response. The model then finds no reverberation in it and takes
+// the room's phase, pulled towards broadside, for the direct sound's. Where
+// the model's coherence is well below 1 the transients tell how much of a
+// bin is direct sound; the finder tracks that share (starting from all of it)
+// and allows no bin more of it.
+constexpr float kResolvedCoherence = 0.5f;  // bins below it teach the direct share,
+constexpr float kResolvedRatio = 50.0f;     // if this far above the noise
+constexpr float kDirectShareStart = 1.0f;
+constexpr float kDirectShareStartWeight = 100.0f;  // in bin weights
+constexpr float kDirectShareMemory = 0.99f;        // per counted block with resolved bins
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
 constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
@@ -82,8 +94,8 @@ struct Evidence {
 // reverberation's, and its weight. Returns the weight before the tilt
 // against low bins, for the block's presence test.
 template <typename V>
-V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float noise_ratio, V re0, V im0, V re1,
-              V im1) {
+V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float noise_ratio, float direct_share,
+              V &share_sum, V &share_weight, V re0, V im0, V re1, V im1) {
     const V power = Mul(Splat(0.5f, re0), Add(Add(Mul(re0, re0), Mul(im0, im0)),
                                                 Add(Mul(re1, re1), Mul(im1, im1))));
     const V cross_re = Add(Mul(re0, re1), Mul(im0, im1));
@@ -133,7 +145,8 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     // removed) and Z its smoothed cross-spectrum, Z = D u + G (P - D) for the
     // direct sound's power D and phasor u. With R + jI = Z - G P, |u| = 1
     // gives (1 - G^2) D^2 - 2 G R D - (R^2 + I^2) = 0, and u points along
-    // ((1 - G^2) R + G (G R + root), (1 - G^2) I), root the quadratic's.
+    // ((1 - G^2) R + G (G R + root), (1 - G^2) I), root the quadratic's;
+    // (1 - G^2) D = G R + root, which the tracked direct share caps.
     Store(l.cross_re + i, smooth_re);
     Store(l.cross_im + i, smooth_im);
     const V talker_power = Max(Sub(smoothed, noise), Splat(kPowerFloor, re0));
@@ -143,13 +156,31 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     const V q = Mul(g, r);
     const V s_im = Sub(smooth_im, noise_im);
     const V root = Root(Add(Mul(q, q), Mul(spare, Add(Mul(r, r), Mul(s_im, s_im)))));
-    const V z_re = Add(Mul(spare, r), Mul(g, Add(q, root)));
+    const V direct = Add(q, root);
+    const V spare_power = Mul(spare, talker_power);
+    // A bin claiming more direct power than it has power (the noise's
+    // estimates took out more power than cross-spectrum) keeps its solution:
+    // the cap would hand it the plain phase of what the noise left.
+    const V capped = Select(Less(spare_power, direct), direct, Min(direct, Mul(Splat(direct_share, re0), spare_power)));
+    const V z_re = Add(Mul(spare, r), Mul(g, capped));
     const V z_im = Mul(spare, s_im);
     const V magnitude = Root(Add(Add(Mul(z_re, z_re), Mul(z_im, z_im)), Splat(kPowerFloor, re0)));
     const V scale = Div(Splat(1.0f, re0), magnitude);
     Store(e.re + i, Mul(z_re, scale));
     Store(e.im + i, Mul(z_im, scale));
     Store(e.weight + i, Mul(weight, Sub(Splat(1.0f, re0), Mul(Splat(kDiffuseTilt, re0), g))));
+    // The share is read from the bin's own cross-spectrum and power, noise
+    // and all: in a bin this far above the noise nothing of the noise's
+    // estimates should enter it.
+    const V own_r = Sub(smooth_re, Mul(g, smoothed));
+    const V own_q = Mul(g, own_r);
+    const V own_root = Root(Add(Mul(own_q, own_q), Mul(spare, Add(Mul(own_r, own_r), Mul(smooth_im, smooth_im)))));
+    const V share = Min(Div(Add(own_q, own_root), Max(Mul(spare, smoothed), Splat(kPowerFloor, re0))), Splat(1.0f, re0));
+    const V zero = Splat(0.0f, re0);
+    const V resolved = Select(Less(g, Splat(kResolvedCoherence, re0)),
+                              Select(Less(Splat(kResolvedRatio, re0), ratio), weight, zero), zero);
+    share_sum = Add(share_sum, Mul(resolved, share));
+    share_weight = Add(share_weight, resolved);
     return weight;
 }
 
@@ -190,6 +221,8 @@ void Build(BfCoreState &s) {
     l.built_rate = s.sample_rate;
     l.first_bin = first;
     l.bin_count = last - first + 1;
+    l.direct_share_sum = kDirectShareStart * kDirectShareStartWeight;
+    l.direct_share_weight = kDirectShareStartWeight;
     for (int32_t g = 0; g < kLocateGrid; ++g) {
         const double radians_per_hz = kTwoPiExact * axis * GridSine(g) / s.speed_of_sound;
         const double start = radians_per_hz * bin_width * first;
@@ -213,8 +246,15 @@ bool NeedsBuild(const BfCoreState &s) {
            l.built_rate != s.sample_rate;
 }
 
+// What the block's resolved bins say of the direct share: their summed
+// weight and their weighted shares.
+struct ShareEvidence {
+    float sum;
+    float weight;
+};
+
 // The block's evidence over the band; returns the summed bin weights.
-float GatherEvidence(BfCoreState &s, Evidence &evidence) {
+float GatherEvidence(BfCoreState &s, Evidence &evidence, ShareEvidence &share) {
     BfLocateState &l = s.locate;
     const float *x0 = s.mic_spectrum[0] + 2 * l.first_bin;
     const float *x1 = s.mic_spectrum[1] + 2 * l.first_bin;
@@ -227,18 +267,27 @@ float GatherEvidence(BfCoreState &s, Evidence &evidence) {
         learning = 1.0f / static_cast<float>(l.blocks_seen);
         noise_ratio = kPowerCeiling;
     }
+    const float direct_share = l.direct_share_sum / l.direct_share_weight;
     float32x4_t lane_weight = vdupq_n_f32(0.0f);
+    float32x4_t lane_share_sum = vdupq_n_f32(0.0f);
+    float32x4_t lane_share_weight = vdupq_n_f32(0.0f);
     float tail_weight = 0.0f;
+    float tail_share_sum = 0.0f;
+    float tail_share_weight = 0.0f;
     lanes::ForEachLaneGroup(
         l.bin_count,
         [&](int32_t i) {
             const float32x4x2_t a = vld2q_f32(x0 + 2 * i);
             const float32x4x2_t b = vld2q_f32(x1 + 2 * i);
-            lane_weight = vaddq_f32(lane_weight, BinEvidence(l, evidence, i, learning, noise_ratio, a.val[0], a.val[1], b.val[0], b.val[1]));
+            lane_weight = vaddq_f32(lane_weight, BinEvidence(l, evidence, i, learning, noise_ratio, direct_share, lane_share_sum,
+                                                             lane_share_weight, a.val[0], a.val[1], b.val[0], b.val[1]));
         },
         [&](int32_t i) {
-            tail_weight += BinEvidence(l, evidence, i, learning, noise_ratio, x0[2 * i], x0[2 * i + 1], x1[2 * i], x1[2 * i + 1]);
+            tail_weight += BinEvidence(l, evidence, i, learning, noise_ratio, direct_share, tail_share_sum, tail_share_weight,
+                                       x0[2 * i], x0[2 * i + 1], x1[2 * i], x1[2 * i + 1]);
         });
+    share.sum = LaneSum(lane_share_sum) + tail_share_sum;
+    share.weight = LaneSum(lane_share_weight) + tail_share_weight;
     return LaneSum(lane_weight) + tail_weight;
 }
 
@@ -323,7 +372,8 @@ void Bf_Locate(BfCoreState &s) {
     if (NeedsBuild(s)) Build(s);
     BfLocateState &l = s.locate;
     Evidence evidence;
-    const float block_weight = GatherEvidence(s, evidence);
+    ShareEvidence share;
+    const float block_weight = GatherEvidence(s, evidence, share);
     // Silence, steady noise and diffuse noise rise above nothing: the map and
     // the estimate stay as they were.
     if (block_weight < kBlockPresence * static_cast<float>(l.bin_count)) return;
@@ -331,6 +381,13 @@ void Bf_Locate(BfCoreState &s) {
     // rise above it is meaningless (the first blocks rise from nothing) and
     // would put the full weight on whatever the first frames hold.
     if (l.blocks_seen < kQuietStartBlocks) return;
+    // Only blocks that bring evidence of the share make it forget, so that
+    // without any (at 8 kHz, or while noise hides the upper band) it holds
+    // its value rather than both sums decaying towards 0 / 0.
+    if (share.weight > 0.0f) {
+        l.direct_share_sum = l.direct_share_sum * kDirectShareMemory + share.sum;
+        l.direct_share_weight = l.direct_share_weight * kDirectShareMemory + share.weight;
+    }
     l.map_weight = l.map_weight * kMapMemory + AccumulateMap(l, evidence);
 
     int32_t peak = 0;
