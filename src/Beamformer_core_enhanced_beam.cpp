@@ -187,9 +187,9 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
             const T lean = Clamp(Mul(Sub(clean, Splat(kCleanLow, zero)), Splat(1.0f / (kCleanHigh - kCleanLow), zero)),
                                  0.0f, 1.0f);
             const T kept = Min(Div(noise, Mul(Splat(kBeamGainFree, zero), n[0])), one);
-            const T share = Mul(lean, Mul(kept, kept));
-            yr = Add(yr, Mul(share, Sub(x0r, yr)));
-            yi = Add(yi, Mul(share, Sub(x0i, yi)));
+            const T towards_mic = Mul(lean, Mul(kept, kept));
+            yr = Add(yr, Mul(towards_mic, Sub(x0r, yr)));
+            yi = Add(yi, Mul(towards_mic, Sub(x0i, yi)));
         }
 
         // Decision-directed Wiener gain with a floor.
