@@ -56,8 +56,8 @@ constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's
 // over the noise's at microphone 0) the output moves over to microphone 0,
 // as far as the beam's own noise is not below kBeamGainFree times the
 // microphone's.
-constexpr float kCleanLow = 0.5f;
-constexpr float kCleanHigh = 1.5f;
+constexpr float kCleanLow = 0.3f;
+constexpr float kCleanHigh = 1.3f;
 constexpr float kBeamGainFree = 0.7f;
 constexpr float kInverseLn10 = 0.434294482f;
 
@@ -118,8 +118,12 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
             Store(e.noise_covariance[i] + k, n[i]);
         }
 
-        // Transfer function from the talker-weighted, noise-subtracted statistics.
-        const T weight = Mul(Splat(1.0f - transfer_keep_factor, zero), Mul(p, p));
+        // Transfer function from the talker-weighted, noise-subtracted
+        // statistics. The weight is the presence's fourth power: blocks
+        // where the talker is only likely (an interferer talking too) would
+        // pull the estimate towards the interferer.
+        const T p_squared = Mul(p, p);
+        const T weight = Mul(Splat(1.0f - transfer_keep_factor, zero), Mul(p_squared, p_squared));
         const T transfer_keep = Splat(transfer_keep_factor, zero);
         const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
         const T ti = Add(Mul(transfer_keep, Load(e.transfer[1] + k, zero)), Mul(weight, Sub(n[3], inst[3])));
