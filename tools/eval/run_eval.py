@@ -74,7 +74,7 @@ def main(argv=None):
                         help="scene file (JSON); default: the shipped default set")
     parser.add_argument("--modes", default=",".join(DEFAULT_MODES),
                         help=f"comma-separated processors, of {', '.join(processors.PROCESSORS)} "
-                             f"(default: all)")
+                             f"(default: {','.join(DEFAULT_MODES)})")
     parser.add_argument("--only", help="comma-separated scene names to run")
     parser.add_argument("--look-offset", type=float, default=0.0, metavar="DEG",
                         help="steer every processor this many degrees beside each scene's look direction")
