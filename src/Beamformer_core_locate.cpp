@@ -89,6 +89,14 @@ struct Evidence {
     BF_ALIGN float weight[kLocateMaxBins];
 };
 
+// (1 - G^2) D, D the direct sound's power, from R + jI = Z - G P (see
+// BinEvidence): the quadratic's root G R + sqrt(G^2 R^2 + (1 - G^2)(R^2 + I^2)).
+template <typename V>
+V SpareDirectPower(V g, V spare, V r, V im) {
+    const V q = Mul(g, r);
+    return Add(q, Root(Add(Mul(q, q), Mul(spare, Add(Mul(r, r), Mul(im, im))))));
+}
+
 // One bin (or four): the noise trackers, then the bin's evidence: the
 // direct sound's phasor from the cross-spectrum less the noise's and the
 // reverberation's, and its weight. Returns the weight before the tilt
@@ -153,10 +161,8 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     const V g = Load(l.diffuse + i, re0);
     const V spare = Sub(Splat(1.0f, re0), Mul(g, g));
     const V r = Sub(Sub(smooth_re, noise_re), Mul(g, talker_power));
-    const V q = Mul(g, r);
     const V s_im = Sub(smooth_im, noise_im);
-    const V root = Root(Add(Mul(q, q), Mul(spare, Add(Mul(r, r), Mul(s_im, s_im)))));
-    const V direct = Add(q, root);
+    const V direct = SpareDirectPower(g, spare, r, s_im);
     const V spare_power = Mul(spare, talker_power);
     // A bin claiming more direct power than it has power (the noise's
     // estimates took out more power than cross-spectrum) keeps its solution:
@@ -172,10 +178,8 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     // The share is read from the bin's own cross-spectrum and power, noise
     // and all: in a bin this far above the noise nothing of the noise's
     // estimates should enter it.
-    const V own_r = Sub(smooth_re, Mul(g, smoothed));
-    const V own_q = Mul(g, own_r);
-    const V own_root = Root(Add(Mul(own_q, own_q), Mul(spare, Add(Mul(own_r, own_r), Mul(smooth_im, smooth_im)))));
-    const V share = Min(Div(Add(own_q, own_root), Max(Mul(spare, smoothed), Splat(kPowerFloor, re0))), Splat(1.0f, re0));
+    const V own_direct = SpareDirectPower(g, spare, Sub(smooth_re, Mul(g, smoothed)), smooth_im);
+    const V share = Min(Div(own_direct, Max(Mul(spare, smoothed), Splat(kPowerFloor, re0))), Splat(1.0f, re0));
     const V zero = Splat(0.0f, re0);
     const V resolved = Select(Less(g, Splat(kResolvedCoherence, re0)),
                               Select(Less(Splat(kResolvedRatio, re0), ratio), weight, zero), zero);
