@@ -59,7 +59,6 @@ constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's
 constexpr float kCleanLow = 0.3f;
 constexpr float kCleanHigh = 1.3f;
 constexpr float kBeamGainFree = 0.7f;
-constexpr float kInverseLn10 = 0.434294482f;
 
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.

@@ -21,6 +21,8 @@ using math::element::Select;
 using math::element::Splat;
 using math::element::Sub;
 
+constexpr float kInverseLn10 = 0.434294482f;  // log10(x) = ln(x) / ln(10)
+
 inline float Load(const float *p, float) { return *p; }
 inline float32x4_t Load(const float *p, float32x4_t) { return vld1q_f32(p); }
 inline void Store(float *p, float v) { *p = v; }

@@ -28,8 +28,6 @@ constexpr float kTrackerStuck = 0.99f;
 constexpr float kTrackerNoiseKeep = 0.8f;
 constexpr float kTrackerRatioLimit = 200.0f;
 
-constexpr float kInverseLn10 = 0.434294482f;
-
 // Logistic model over [1, ratio/10, local ratio/10, frame ratio/10,
 // coherence, level]; where the pair resolves direction and below. The
 // weights were fitted by logistic regression to "talker above noise" labels;
