@@ -22,13 +22,20 @@ struct BfEnhancedState {
     float beam_noise[kivbf::kBins];
     float beam_presence[kivbf::kBins];
     // Presence-weighted transfer-function statistics: re and im of
-    // E[x1 conj(x0) - noise], and E[|x0|^2 - noise].
-    float transfer[3][kivbf::kBins];
+    // E[x1 conj(x0) - noise], E[|x0|^2 - noise] and E[|x1|^2 - noise].
+    float transfer[4][kivbf::kBins];
     // The post-filter's clean-speech memory, G^2 gamma of the last block.
     float prior_snr_memory[kivbf::kBins];
+    // Last block's measures of how far the talker reaches the microphones as
+    // a plane wave rather than as reverberation (0..1): the coherence of the
+    // transfer statistics beyond a diffuse field's, and the same for their
+    // part along the look direction's free-field steering (how well a plane
+    // wave from the look direction explains them).
+    float dryness;
+    float look_fit;
 };
 
-inline constexpr size_t kEnhancedStateBudget = 7600;  // bytes of persistent state the mode may use
+inline constexpr size_t kEnhancedStateBudget = 7800;  // bytes of persistent state the mode may use
 static_assert(sizeof(BfEnhancedState) <= kEnhancedStateBudget);
 
 struct BfCoreState;

@@ -3,7 +3,9 @@
 // dominates and held near the look direction, MVDR weights with diagonal
 // loading, a guard that leans towards microphone 0 where it is already
 // clean, and a decision-directed Wiener post-filter whose noise is the
-// covariance seen through the weights.
+// covariance seen through the weights. Where the talker arrives dry (little
+// reverberation), steering, loading and post-filter turn towards what a free
+// field allows.
 #include <cstring>
 
 #include "Beamformer_core.h"
@@ -60,6 +62,33 @@ constexpr float kCleanLow = 0.3f;
 constexpr float kCleanHigh = 1.3f;
 constexpr float kBeamGainFree = 0.7f;
 
+// Dry talker. Both measures are means over the resolvable bins where the
+// talker's statistics stand at least kDryEvidence times the noise (with fewer
+// than kDryMinBins such bins they are 0). A reverberant talker's coherence
+// falls towards the diffuse field's where the room dominates.
+// - Dryness, from kDryLow to kDryHigh, moves the loading towards kLoadingDry
+//   and the post-filter's floor where the talker is present towards
+//   kGainFloorPresentDry (the talker passes wherever it is present).
+// - The look fit, from kFitLow to kFitHigh, cuts the estimated transfer
+//   function's share by up to kFitShareCut: with no reverberation to follow,
+//   its errors (mostly an interferer's pull) are all it adds. It needs the
+//   fit, not only the dryness: a talker with a few strong echoes, or the look
+//   direction a little off, stays coherent but is no plane wave from the look.
+constexpr float kDryEvidence = 0.5f;
+constexpr int32_t kDryMinBins = 8;
+constexpr float kDryLow = 0.65f;
+constexpr float kDryHigh = 0.85f;
+constexpr float kLoadingDry = 0.001f;
+constexpr float kGainFloorPresentDry = 1.0f;
+constexpr float kFitLow = 0.5f;
+constexpr float kFitHigh = 0.7f;
+constexpr float kFitShareCut = 0.7f;
+
+// Where measure lies between low and high, 0..1.
+float Ramp(float measure, float low, float high) {
+    return Clamp((measure - low) * (1.0f / (high - low)), 0.0f, 1.0f);
+}
+
 // The relative transfer function's ratio to the free-field steering, its
 // phase kept within 35 degrees of zero and its magnitude within 1/1.5..1.5.
 template <typename T>
@@ -95,6 +124,13 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     const float warm_up = e.blocks < kWarmUpBlocks
                               ? static_cast<float>(e.blocks) / static_cast<float>(e.blocks + 1)
                               : 1.0f;
+    const float dry = Ramp(e.dryness, kDryLow, kDryHigh);
+    const float share_scale = 1.0f - kFitShareCut * Ramp(e.look_fit, kFitLow, kFitHigh);
+    const float loading_spread = kLoading + dry * (kLoadingDry - kLoading);
+    const float floor_present = kGainFloorPresent + dry * (kGainFloorPresentDry - kGainFloorPresent);
+    // Per bin, beyond the diffuse field's (0..1; -1 where too little evidence):
+    // the talker's coherence, and that of its part along the steering.
+    float talker_coherence[kBins], talker_fit[kBins];
     ForEachBin([&](auto zero, int32_t k) {
         using T = decltype(zero);
         const T one = Splat(1.0f, zero), tiny = Splat(kTiny, zero);
@@ -127,14 +163,29 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
         const T ti = Add(Mul(transfer_keep, Load(e.transfer[1] + k, zero)), Mul(weight, Sub(n[3], inst[3])));
         const T td = Add(Mul(transfer_keep, Load(e.transfer[2] + k, zero)), Mul(weight, Sub(inst[0], n[0])));
+        const T t11 = Add(Mul(transfer_keep, Load(e.transfer[3] + k, zero)), Mul(weight, Sub(inst[1], n[1])));
         Store(e.transfer[0] + k, tr);
         Store(e.transfer[1] + k, ti);
         Store(e.transfer[2] + k, td);
+        Store(e.transfer[3] + k, t11);
         const auto known = Less(tiny, td);
         const T safe_td = Max(td, tiny);
         const T er = Div(tr, safe_td), ei = Div(ti, safe_td);
+        const T g = Load(b.diffuse_sinc + k, zero);
+        const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
+        {
+            const T powers = Max(Mul(safe_td, Max(t11, tiny)), tiny);
+            const T along = Max(Add(Mul(tr, dr), Mul(ti, di)), Splat(0.0f, zero));  // Re(T conj(d))
+            const auto evident = Less(Mul(Splat(kDryEvidence, zero), n[0]), td);
+            auto beyond_diffuse = [&](T cross_squared) {
+                const T beyond = Clamp(Div(Sub(Div(cross_squared, powers), diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
+                return Select(evident, beyond, Splat(-1.0f, zero));
+            };
+            Store(talker_coherence + k, beyond_diffuse(Add(Mul(tr, tr), Mul(ti, ti))));
+            Store(talker_fit + k, beyond_diffuse(Mul(along, along)));
+        }
         // Ratio to the steering: estimate times conj(d), blended towards 1.
-        T share = Clamp(Div(safe_td, Add(safe_td, n[0])), kShareLow, kShareHigh);
+        T share = Mul(Clamp(Div(safe_td, Add(safe_td, n[0])), kShareLow, kShareHigh), Splat(share_scale, zero));
         share = Select(known, share, Splat(0.0f, zero));
         T rr = Add(one, Mul(share, Sub(Add(Mul(er, dr), Mul(ei, di)), one)));
         T ri = Mul(share, Sub(Mul(ei, dr), Mul(er, di)));
@@ -144,11 +195,9 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
 
         // MVDR with loading: w = R^-1 h / (h^H R^-1 h), h = [1, h1].
         const T coherence = Div(Add(Mul(n[2], n[2]), Mul(n[3], n[3])), Max(Mul(n[0], n[1]), tiny));
-        const T g = Load(b.diffuse_sinc + k, zero);
-        const T diffuse = Min(Mul(g, g), Splat(0.98f, zero));
         const T pointness = Clamp(Div(Sub(coherence, diffuse), Sub(one, diffuse)), 0.0f, 1.0f);
         const T spread = Sub(one, pointness);
-        const T factor = Add(Mul(Splat(kLoading, zero), Mul(spread, spread)), Splat(kLoadingPoint, zero));
+        const T factor = Add(Mul(Splat(loading_spread, zero), Mul(spread, spread)), Splat(kLoadingPoint, zero));
         const T loading = Add(Mul(Mul(factor, Splat(0.5f, zero)), Add(n[0], n[1])), tiny);
         const T r00 = Add(n[0], loading), r11 = Add(n[1], loading);
         const T u0r = Sub(r11, Sub(Mul(n[2], hr), Mul(n[3], hi)));
@@ -199,10 +248,22 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
         const T prior = Add(Mul(Splat(kDecisionDirected, zero), Load(e.prior_snr_memory + k, zero)),
                             Mul(Splat(1.0f - kDecisionDirected, zero), Max(Sub(gamma, one), Splat(0.0f, zero))));
-        const T floor = Add(Splat(kGainFloorAbsent, zero), Mul(Splat(kGainFloorPresent - kGainFloorAbsent, zero), p));
+        const T floor = Add(Splat(kGainFloorAbsent, zero), Mul(Splat(floor_present - kGainFloorAbsent, zero), p));
         const T gain = Max(Div(prior, Add(one, prior)), floor);
         Store(e.prior_snr_memory + k, Mul(Mul(gain, gain), gamma));
         StoreComplex(spectrum + 2 * k, Mul(gain, yr), Mul(gain, yi));
     });
+
+    float coherence_sum = 0.0f, fit_sum = 0.0f;
+    int32_t counted = 0;
+    for (int32_t k = b.first_resolvable; k < kBins; ++k) {
+        if (talker_coherence[k] < 0.0f) continue;
+        coherence_sum += talker_coherence[k];
+        fit_sum += talker_fit[k];
+        ++counted;
+    }
+    const bool evident = counted >= kDryMinBins;
+    e.dryness = evident ? coherence_sum / static_cast<float>(counted) : 0.0f;
+    e.look_fit = evident ? fit_sum / static_cast<float>(counted) : 0.0f;
     if (e.blocks < kBlockCountLimit) ++e.blocks;
 }

@@ -46,10 +46,11 @@ std::vector<float> Voice(size_t samples, float f0, float syllable_hz, uint32_t s
 }
 
 // Two-channel 16-bit scene: the talker at broadside, a talker-like
-// interferer at end-fire (two samples earlier at microphone 0), with
+// interferer at end-fire (two samples earlier at microphone 0) scaled by
+// `interferer_gain`, with
 // `reflections` random late arrivals per source and microphone, and a little
 // independent sensor noise.
-std::vector<int16_t> Scene(size_t samples, int reflections) {
+std::vector<int16_t> Scene(size_t samples, int reflections, float interferer_gain = 1.0f) {
     const std::vector<float> talker = Voice(samples, 130.0f, 3.1f, 1);
     const std::vector<float> other = Voice(samples, 210.0f, 2.3f, 2);
     std::vector<float> mic[2] = {std::vector<float>(samples), std::vector<float>(samples)};
@@ -58,7 +59,7 @@ std::vector<int16_t> Scene(size_t samples, int reflections) {
         const std::vector<float> *sources[2] = {&talker, &other};
         for (int src = 0; src < 2; ++src) {
             const size_t direct = src == 0 ? 0 : (m == 0 ? 0 : 2);
-            std::vector<std::pair<size_t, float>> taps = {{direct, 1.0f}};
+            std::vector<std::pair<size_t, float>> taps = {{direct, src == 0 ? 1.0f : interferer_gain}};
             for (int r = 0; r < reflections; ++r) {
                 const size_t lag = 20 + static_cast<size_t>((random.Next() + 1.0f) * 2400.0f);
                 taps.push_back({lag, 0.5f * random.Next() * std::exp(-static_cast<float>(lag) / 800.0f)});
@@ -197,12 +198,13 @@ TEST(Enhanced, KeepsItsFootingAfterHostileInput) {
     EXPECT_LT(db, -20.0);
 }
 
-// Anechoic, talker at broadside, a talker-like interferer at end-fire at
-// about the same level: the talker's share of the output rises (a smoke
-// check; the figures come from kivbf eval).
+// Anechoic, talker at broadside, a talker-like interferer at end-fire 6 dB
+// below it. The talker is dry and leaves evidence enough for the mode to see
+// it: about 12 dB of SI-SDR gain, where the beam made for a reverberant
+// talker gives 6 (the figures on rooms come from kivbf eval).
 TEST(Enhanced, GainsOnAnAnechoicScene) {
     const size_t samples = kRate * 8;
-    const std::vector<int16_t> pcm = Scene(samples, 0);
+    const std::vector<int16_t> pcm = Scene(samples, 0, 0.5f);
     const std::vector<float> talker = Voice(samples, 130.0f, 3.1f, 1);
     Handle h;
     ASSERT_EQ(KivBfExt_SetEnhancedMode(h.get(), 1), KIVBF_OK);
@@ -222,5 +224,5 @@ TEST(Enhanced, GainsOnAnAnechoicScene) {
     };
     const double in = si_sdr([&](size_t n) { return static_cast<double>(pcm[2 * n]); });
     const double outcome = si_sdr([&](size_t n) { return static_cast<double>(out[n + kHop]); });
-    EXPECT_GT(outcome - in, 3.0) << "in " << in << " dB, out " << outcome << " dB";
+    EXPECT_GT(outcome - in, 10.0) << "in " << in << " dB, out " << outcome << " dB";
 }
