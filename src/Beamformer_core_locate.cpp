@@ -56,9 +56,19 @@ constexpr float kMaxCoherence = 0.999f;
 // and allows no bin more of it.
 constexpr float kResolvedCoherence = 0.5f;  // bins below it teach the direct share,
 constexpr float kResolvedRatio = 50.0f;     // if this far above the noise
+// A broadband noise a few dB above the talker keeps every bin below 50 times
+// the noise, and the share would stay at its start in any room. Bins at least
+// 3 times above it teach the share too, solved with the noise's estimates
+// taken out, as their evidence is; what the noise leaves moves that reading
+// either way, so it may reach 2 (clipping it at 1 would keep only the low
+// errors) and the bins count as much as their weight above 3 times the noise
+// (the onset's included), times 8, since so few of them rise that far.
+constexpr float kSubtractedRatio = 3.0f;
+constexpr float kSubtractedWeight = 8.0f;
+constexpr float kMaxSubtractedShare = 2.0f;
 constexpr float kDirectShareStart = 1.0f;
 constexpr float kDirectShareStartWeight = 100.0f;  // in bin weights
-constexpr float kDirectShareMemory = 0.99f;        // per counted block with resolved bins
+constexpr float kDirectShareMemory = 0.99f;        // per block with resolved bins
 constexpr float kPowerFloor = 1e-20f;
 constexpr float kPowerCeiling = 1e30f;
 constexpr int32_t kStartBlocks = 32;        // blocks that all teach the noise
@@ -147,6 +157,10 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     const V weight = Mul(Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
                              Splat(kMaxBinWeight, re0)),
                          onset);
+    const V subtracted_weight = Mul(Mul(Min(Max(Sub(ratio, Splat(kSubtractedRatio, re0)), Splat(0.0f, re0)),
+                                            Splat(kMaxBinWeight, re0)),
+                                        onset),
+                                    Splat(kSubtractedWeight, re0));
     // Reverberation is taken for a diffuse field, whose cross-spectrum is
     // real, G = sinc(2 pi f axis / c) times its power: left alone it pulls
     // every bin towards broadside. With P the talker's power (smoothed, noise
@@ -180,10 +194,11 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     // estimates should enter it.
     const V own_direct = SpareDirectPower(g, spare, Sub(smooth_re, Mul(g, smoothed)), smooth_im);
     const V share = Min(Div(own_direct, Max(Mul(spare, smoothed), Splat(kPowerFloor, re0))), Splat(1.0f, re0));
-    const V zero = Splat(0.0f, re0);
-    const V resolved = Select(Less(g, Splat(kResolvedCoherence, re0)),
-                              Select(Less(Splat(kResolvedRatio, re0), ratio), weight, zero), zero);
-    share_sum = Add(share_sum, Mul(resolved, share));
+    const V subtracted_share = Min(Div(direct, Max(spare_power, Splat(kPowerFloor, re0))), Splat(kMaxSubtractedShare, re0));
+    const auto clean = Less(Splat(kResolvedRatio, re0), ratio);
+    const V resolved = Select(Less(g, Splat(kResolvedCoherence, re0)), Select(clean, weight, subtracted_weight),
+                              Splat(0.0f, re0));
+    share_sum = Add(share_sum, Mul(resolved, Select(clean, share, subtracted_share)));
     share_weight = Add(share_weight, resolved);
     return weight;
 }
@@ -378,6 +393,15 @@ void Bf_Locate(BfCoreState &s) {
     Evidence evidence;
     ShareEvidence share;
     const float block_weight = GatherEvidence(s, evidence, share);
+    // Only blocks that bring evidence of the share make it forget, so that
+    // without any (at 8 kHz, or while noise hides the upper band) it holds
+    // its value rather than both sums decaying towards 0 / 0. Blocks too weak
+    // for the map teach it as well: under a strong noise only a few blocks in
+    // ten pass the presence test below.
+    if (l.blocks_seen >= kQuietStartBlocks && share.weight > 0.0f) {
+        l.direct_share_sum = l.direct_share_sum * kDirectShareMemory + share.sum;
+        l.direct_share_weight = l.direct_share_weight * kDirectShareMemory + share.weight;
+    }
     // Silence, steady noise and diffuse noise rise above nothing: the map and
     // the estimate stay as they were.
     if (block_weight < kBlockPresence * static_cast<float>(l.bin_count)) return;
@@ -385,13 +409,6 @@ void Bf_Locate(BfCoreState &s) {
     // rise above it is meaningless (the first blocks rise from nothing) and
     // would put the full weight on whatever the first frames hold.
     if (l.blocks_seen < kQuietStartBlocks) return;
-    // Only blocks that bring evidence of the share make it forget, so that
-    // without any (at 8 kHz, or while noise hides the upper band) it holds
-    // its value rather than both sums decaying towards 0 / 0.
-    if (share.weight > 0.0f) {
-        l.direct_share_sum = l.direct_share_sum * kDirectShareMemory + share.sum;
-        l.direct_share_weight = l.direct_share_weight * kDirectShareMemory + share.weight;
-    }
     l.map_weight = l.map_weight * kMapMemory + AccumulateMap(l, evidence);
 
     int32_t peak = 0;
