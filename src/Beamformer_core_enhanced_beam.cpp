@@ -72,8 +72,9 @@ constexpr float kBeamGainFree = 0.7f;
 // - The look fit, from kFitLow to kFitHigh, cuts the estimated transfer
 //   function's share by up to kFitShareCut: with no reverberation to follow,
 //   its errors (mostly an interferer's pull) are all it adds. It needs the
-//   fit, not only the dryness: a talker with a few strong echoes, or the look
-//   direction a little off, stays coherent but is no plane wave from the look.
+//   fit, not only the dryness: with the look direction a little off, a near
+//   talker stays coherent but is no plane wave from the look, and free-field
+//   steering would cancel part of it.
 constexpr float kDryEvidence = 0.5f;
 constexpr int32_t kDryMinBins = 8;
 constexpr float kDryLow = 0.65f;
@@ -262,8 +263,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         fit_sum += talker_fit[k];
         ++counted;
     }
-    const bool evident = counted >= kDryMinBins;
-    e.dryness = evident ? coherence_sum / static_cast<float>(counted) : 0.0f;
-    e.look_fit = evident ? fit_sum / static_cast<float>(counted) : 0.0f;
+    const bool enough_bins = counted >= kDryMinBins;
+    e.dryness = enough_bins ? coherence_sum / static_cast<float>(counted) : 0.0f;
+    e.look_fit = enough_bins ? fit_sum / static_cast<float>(counted) : 0.0f;
     if (e.blocks < kBlockCountLimit) ++e.blocks;
 }
