@@ -154,13 +154,12 @@ V BinEvidence(BfLocateState &l, Evidence &e, int32_t i, float learning, float no
     const V onset = Min(Max(Sub(Div(power, Max(previous, Splat(kPowerFloor, re0))), Splat(kOnsetBase, re0)),
                             Splat(0.0f, re0)),
                         Splat(kMaxOnset, re0));
-    const V weight = Mul(Min(Max(Sub(ratio, Splat(kPresenceRatio, re0)), Splat(0.0f, re0)),
-                             Splat(kMaxBinWeight, re0)),
-                         onset);
-    const V subtracted_weight = Mul(Mul(Min(Max(Sub(ratio, Splat(kSubtractedRatio, re0)), Splat(0.0f, re0)),
-                                            Splat(kMaxBinWeight, re0)),
-                                        onset),
-                                    Splat(kSubtractedWeight, re0));
+    // A bin's weight: its rise above a ratio to the noise, capped, times the onset.
+    auto weight_above = [&](float threshold) {
+        return Mul(Min(Max(Sub(ratio, Splat(threshold, re0)), Splat(0.0f, re0)), Splat(kMaxBinWeight, re0)), onset);
+    };
+    const V weight = weight_above(kPresenceRatio);
+    const V subtracted_weight = Mul(weight_above(kSubtractedRatio), Splat(kSubtractedWeight, re0));
     // Reverberation is taken for a diffuse field, whose cross-spectrum is
     // real, G = sinc(2 pi f axis / c) times its power: left alone it pulls
     // every bin towards broadside. With P the talker's power (smoothed, noise
