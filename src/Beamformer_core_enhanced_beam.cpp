@@ -86,8 +86,9 @@ constexpr float kFitHigh = 0.7f;
 constexpr float kFitShareCut = 0.7f;
 
 // Where measure lies between low and high, 0..1.
-float Ramp(float measure, float low, float high) {
-    return Clamp((measure - low) * (1.0f / (high - low)), 0.0f, 1.0f);
+template <typename T>
+T Ramp(T measure, float low, float high) {
+    return Clamp(Mul(Sub(measure, Splat(low, measure)), Splat(1.0f / (high - low), measure)), 0.0f, 1.0f);
 }
 
 // The relative transfer function's ratio to the free-field steering, its
@@ -237,8 +238,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         {
             const T talker = Max(Sub(Load(e.moments[0] + k, zero), n[0]), Splat(0.0f, zero));
             const T clean = Mul(math::LogF(Max(Div(talker, n[0]), Splat(1e-6f, zero))), Splat(kInverseLn10, zero));
-            const T lean = Clamp(Mul(Sub(clean, Splat(kCleanLow, zero)), Splat(1.0f / (kCleanHigh - kCleanLow), zero)),
-                                 0.0f, 1.0f);
+            const T lean = Ramp(clean, kCleanLow, kCleanHigh);
             const T kept = Min(Div(noise, Mul(Splat(kBeamGainFree, zero), n[0])), one);
             const T towards_mic = Mul(lean, Mul(kept, kept));
             yr = Add(yr, Mul(towards_mic, Sub(x0r, yr)));
