@@ -26,11 +26,12 @@ struct BfEnhancedState {
     float transfer[4][kivbf::kBins];
     // The post-filter's clean-speech memory, G^2 gamma of the last block.
     float prior_snr_memory[kivbf::kBins];
-    // Last block's measures of how far the talker reaches the microphones as
-    // a plane wave rather than as reverberation (0..1): the coherence of the
-    // transfer statistics beyond a diffuse field's, and the same for their
-    // part along the look direction's free-field steering (how well a plane
-    // wave from the look direction explains them).
+    // How far the talker reaches the microphones as a plane wave rather than
+    // as reverberation (0..1), each beyond a diffuse field's coherence:
+    // dryness, the short moments' coherence in the bins the talker dominates,
+    // averaged over blocks; look fit, last block's coherence of the transfer
+    // statistics along the look direction's free-field steering (how well a
+    // plane wave from the look direction explains them).
     float dryness;
     float look_fit;
 };
