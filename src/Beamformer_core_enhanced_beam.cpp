@@ -51,6 +51,8 @@ constexpr float kLoading = 0.05f;
 constexpr float kLoadingPoint = 1e-5f;
 constexpr float kDecisionDirected = 0.8f;
 // Post-filter floor: lower where the talker is absent, higher where it speaks.
+// Where the talker is absent the gain is also smoothed over seven bins (see
+// the end of Bf_EnhancedBlock).
 constexpr float kGainFloorAbsent = 0.3f;
 constexpr float kGainFloorPresent = 0.55f;
 constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
@@ -277,7 +279,27 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T floor = Add(Splat(kGainFloorAbsent, zero), Mul(Splat(floor_present - kGainFloorAbsent, zero), p));
         const T gain = Max(Div(prior, Add(one, prior)), floor);
         Store(e.prior_snr_memory + k, Mul(Mul(gain, gain), gamma));
-        StoreComplex(spectrum + 2 * k, Mul(gain, yr), Mul(gain, yi));
+        Store(b.gain + kEnhancedGuard + k, gain);
+        StoreComplex(spectrum + 2 * k, yr, yi);
+    });
+
+    // The gain, applied. Where the talker is absent, each bin takes the mean
+    // gain of the seven around it: a bin where the noise happens to rise
+    // would otherwise pass alone, as a short tone (musical noise). Where the
+    // talker is present each bin keeps its own gain, which follows its
+    // harmonics. The mix follows the presence's fourth power: only a sure
+    // talker keeps the bin's own gain.
+    ReplicateEdges(b.gain);
+    ForEachBin([&](auto zero, int32_t k) {
+        using T = decltype(zero);
+        const float *gain = b.gain + kEnhancedGuard + k;
+        const T p = Load(b.presence + k, zero);
+        const T own = Mul(Mul(p, p), Mul(p, p));
+        const T local = SevenBinMean(gain, zero);
+        const T applied = Add(local, Mul(own, Sub(Load(gain, zero), local)));
+        T yr, yi;
+        LoadComplex(spectrum + 2 * k, yr, yi);
+        StoreComplex(spectrum + 2 * k, Mul(applied, yr), Mul(applied, yi));
     });
 
     float fit_sum = 0.0f, weight_sum = 0.0f, coherence_sum = 0.0f;

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "../LibGen_Tool/bf_internal_parameter.h"
+#include "Beamformer_core_enhanced.h"
 #include "math_functions.h"
 #include "vector_lanes.h"
 
@@ -66,6 +67,23 @@ inline float32x4_t Sqrt(float32x4_t a) {
     for (float &v : x) v = std::sqrt(v);
     return vld1q_f32(x);
 #endif
+}
+
+// A guarded array (bin k at k + kEnhancedGuard) gets copies of its edge
+// values in its guards.
+inline void ReplicateEdges(float *guarded) {
+    for (int32_t g = 0; g < kEnhancedGuard; ++g) {
+        guarded[g] = guarded[kEnhancedGuard];
+        guarded[kEnhancedGuard + kBins + g] = guarded[kEnhancedGuard + kBins - 1];
+    }
+}
+
+// Mean of bins k-3..k+3 of a guarded array; at points to bin k.
+template <typename T>
+T SevenBinMean(const float *at, T zero) {
+    T sum = Load(at - 3, zero);
+    for (int32_t j = -2; j <= 3; ++j) sum = Add(sum, Load(at + j, zero));
+    return Mul(sum, Splat(1.0f / 7.0f, zero));
 }
 
 // Calls body(T{}, k) with T = float32x4_t for bins 0, 4, ..., 124 and with

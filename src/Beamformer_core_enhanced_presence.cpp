@@ -39,13 +39,6 @@ struct CueWeights {
 constexpr CueWeights kResolvedWeights{1.983f, -0.050f, 0.671f, 0.670f, 0.821f, 0.399f};
 constexpr CueWeights kUnresolvedWeights{2.871f, 0.229f, 0.493f, 0.403f, -0.821f, 0.191f};
 
-void ReplicateEdges(float *guarded) {
-    for (int32_t g = 0; g < kEnhancedGuard; ++g) {
-        guarded[g] = guarded[kEnhancedGuard];
-        guarded[kEnhancedGuard + kBins + g] = guarded[kEnhancedGuard + kBins - 1];
-    }
-}
-
 }  // namespace
 
 // d_k = exp(j 2 pi f_k (r1 - r0) . u / c) (the talker at microphone 1 over microphone 0) and the diffuse coherence sinc(2 pi f_k r / c)
@@ -165,9 +158,7 @@ void Bf_EnhancedPresence(BfCoreState &s, BfEnhancedBlock &b) {
     ForEachBin([&](auto zero, int32_t k) {
         using T = decltype(zero);
         const float *ratio = b.ratio_cue + kEnhancedGuard + k;
-        T local = Load(ratio - 3, zero);
-        for (int32_t j = -2; j <= 3; ++j) local = Add(local, Load(ratio + j, zero));
-        local = Mul(local, Splat(1.0f / 7.0f, zero));
+        const T local = SevenBinMean(ratio, zero);
         const auto resolved = Less(Splat(0.5f, zero), Load(b.resolvable + k, zero));
         auto weight = [&](float CueWeights::*cue) {
             return Select(resolved, Splat(kResolvedWeights.*cue, zero), Splat(kUnresolvedWeights.*cue, zero));
