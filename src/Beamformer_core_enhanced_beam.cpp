@@ -54,7 +54,7 @@ constexpr float kDecisionDirected = 0.8f;
 // Where the talker is absent the gain is also smoothed over seven bins (see
 // the end of Bf_EnhancedBlock).
 constexpr float kGainFloorAbsent = 0.3f;
-constexpr float kGainFloorPresent = 0.55f;
+constexpr float kGainFloorPresent = 0.47f;
 constexpr float kGuardLimit = 1.5f;        // output power over the fixed beam's, at most
 // Reference guard: from kCleanLow to kCleanHigh (log10 of the talker's power
 // over the noise's at microphone 0) the output moves over to microphone 0,
