@@ -58,7 +58,7 @@ struct BfEnhancedBlock {
     float coherence_cue[kivbf::kBins];      // coherence along the look direction
     float level_cue[kivbf::kBins];          // log10 fixed-beam power over its noise
     float presence[kivbf::kBins];           // probability that the talker dominates
-    float gain[kivbf::kBins + 2 * kEnhancedGuard];           // the post-filter's gain, bin by bin
+    float gain[kivbf::kBins + 2 * kEnhancedGuard];          // the post-filter's gain before smoothing
 };
 
 // Steering and diffuse coherence for the block's direction.

@@ -6,6 +6,7 @@
 // covariance seen through the weights. Where the talker arrives dry (little
 // reverberation), steering, loading, guard and post-filter turn towards what a
 // free field allows.
+#include <algorithm>
 #include <cstring>
 
 #include "Beamformer_core.h"
@@ -147,7 +148,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     const float dryness_keep = static_cast<float>(math::Exp(kLogDrynessKeep * blocks_per_reference));
     const float dry = Ramp(e.dryness, kDryLow, kDryHigh);
     const float fit = Ramp(e.look_fit, kFitLow, kFitHigh);
-    const float share_scale = 1.0f - kFitShareCut * (fit > kDryShareCut * dry ? fit : kDryShareCut * dry);
+    const float share_scale = 1.0f - kFitShareCut * std::max(fit, kDryShareCut * dry);
     const float guard_scale = 1.0f - dry;
     const float loading_spread = kLoading + dry * (kLoadingDry - kLoading);
     const float floor_present = kGainFloorPresent + dry * (kGainFloorPresentDry - kGainFloorPresent);
