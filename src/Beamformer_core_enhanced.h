@@ -34,6 +34,11 @@ struct BfEnhancedState {
     // plane wave from the look direction explains them).
     float dryness;
     float look_fit;
+    // Forgetting factors per block at the handle's sample rate (fixed from
+    // KivBf_Init on), set when the mode is switched on.
+    float noise_keep_absent;
+    float transfer_keep;
+    float dryness_keep;
 };
 
 inline constexpr size_t kEnhancedStateBudget = 7800;  // bytes of persistent state the mode may use

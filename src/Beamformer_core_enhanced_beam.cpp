@@ -140,8 +140,16 @@ void BoundRatio(T &re, T &im) {
 }  // namespace
 
 void Bf_EnhancedStart(BfCoreState &s) {
-    std::memset(&s.enhanced, 0, sizeof s.enhanced);
-    s.enhanced.enabled = 1;
+    BfEnhancedState &e = s.enhanced;
+    std::memset(&e, 0, sizeof e);
+    e.enabled = 1;
+    const double blocks_per_reference = static_cast<double>(kReferenceRate) / s.sample_rate;
+    auto keep_per_block = [&](double log_keep) {
+        return static_cast<float>(math::Exp(log_keep * blocks_per_reference));
+    };
+    e.noise_keep_absent = keep_per_block(kLogNoiseKeepAbsent);
+    e.transfer_keep = keep_per_block(kLogTransferKeep);
+    e.dryness_keep = keep_per_block(kLogDrynessKeep);
 }
 
 void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
@@ -150,14 +158,13 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     Bf_EnhancedSteering(s, b);
     Bf_EnhancedPresence(s, b);
 
-    const double blocks_per_reference = static_cast<double>(kReferenceRate) / s.sample_rate;
-    const float noise_keep_absent = static_cast<float>(math::Exp(kLogNoiseKeepAbsent * blocks_per_reference));
+    // Copies: the per-bin stores into e could alias the state's own fields.
+    const float noise_keep_absent = e.noise_keep_absent;
     const float noise_keep_range = 1.0f - noise_keep_absent;
-    const float transfer_keep_factor = static_cast<float>(math::Exp(kLogTransferKeep * blocks_per_reference));
+    const float transfer_keep_factor = e.transfer_keep;
     const float warm_up = e.blocks < kWarmUpBlocks
                               ? static_cast<float>(e.blocks) / static_cast<float>(e.blocks + 1)
                               : 1.0f;
-    const float dryness_keep = static_cast<float>(math::Exp(kLogDrynessKeep * blocks_per_reference));
     const float dry = Ramp(e.dryness, kDryLow, kDryHigh);
     const float fit = Ramp(e.look_fit, kFitLow, kFitHigh);
     const float share_scale = 1.0f - kFitShareCut * std::max(fit, kDryShareCut * dry);
@@ -330,6 +337,6 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     }
     e.look_fit = evident_bins >= kFitMinBins ? fit_sum / static_cast<float>(evident_bins) : 0.0f;
     if (weight_sum >= kDominatedMinWeight)
-        e.dryness = dryness_keep * e.dryness + (1.0f - dryness_keep) * (coherence_sum / weight_sum);
+        e.dryness = e.dryness_keep * e.dryness + (1.0f - e.dryness_keep) * (coherence_sum / weight_sum);
     if (e.blocks < kBlockCountLimit) ++e.blocks;
 }
