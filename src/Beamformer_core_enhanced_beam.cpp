@@ -36,6 +36,8 @@ constexpr int32_t kWarmUpBlocks = 50;
 // Transfer function: forgetting of its presence-weighted statistics, the
 // share of the estimate against free field, and how far it may stray.
 constexpr double kLogTransferKeep = -0.005012541823544286;  // ln 0.995
+constexpr float kNoiseLikeLow = 0.0f;   // see NoiseLikeness
+constexpr float kNoiseLikeHigh = 0.5f;
 constexpr float kShareLow = 0.2f;
 constexpr float kShareHigh = 0.9f;
 constexpr float kCos35 = 0.819152044f;
@@ -137,6 +139,21 @@ void BoundRatio(T &re, T &im) {
     im = Mul(im, scale);
 }
 
+// How much more the block's short moments resemble the learnt noise than the
+// look direction, 0..1: the normalised cross-moment's projection on the
+// noise covariance's normalised cross term, less the coherence along the
+// look, ramped from kNoiseLikeLow to kNoiseLikeHigh. An interferer that the
+// spatial cues pass as the talker (a reverberant talker 35 degrees from it,
+// say) still points where it pointed while the talker paused. A diffuse
+// noise's cross term is small, so the measure stays near zero there.
+template <typename T>
+T NoiseLikeness(const T (&moments)[4], const T (&noise)[4], T look_coherence) {
+    const T tiny = Splat(kTiny, look_coherence);
+    const T dot = Add(Mul(moments[2], noise[2]), Mul(moments[3], noise[3]));
+    const T norm = Mul(Sqrt(Max(Mul(moments[0], moments[1]), tiny)), Sqrt(Max(Mul(noise[0], noise[1]), tiny)));
+    return Ramp(Sub(Div(dot, norm), look_coherence), kNoiseLikeLow, kNoiseLikeHigh);
+}
+
 }  // namespace
 
 void Bf_EnhancedStart(BfCoreState &s) {
@@ -192,18 +209,24 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T keep = Min(Add(Splat(noise_keep_absent, zero), Mul(Splat(noise_keep_range, zero), p)),
                            Splat(warm_up, zero));
         const T take = Sub(one, keep);
-        T n[4];
+        T learnt[4], n[4];
         for (int32_t i = 0; i < 4; ++i) {
-            n[i] = Add(Mul(keep, Load(e.noise_covariance[i] + k, zero)), Mul(take, inst[i]));
+            learnt[i] = Load(e.noise_covariance[i] + k, zero);
+            n[i] = Add(Mul(keep, learnt[i]), Mul(take, inst[i]));
             if (i < 2) n[i] = Max(n[i], tiny);
             Store(e.noise_covariance[i] + k, n[i]);
         }
+        const T m[4] = {Load(e.moments[0] + k, zero), Load(e.moments[1] + k, zero),
+                        Load(e.moments[2] + k, zero), Load(e.moments[3] + k, zero)};
+        const T noise_like = NoiseLikeness(m, learnt, Load(b.coherence_cue + k, zero));
 
         // Transfer function from the talker-weighted, noise-subtracted
-        // statistics. The weight is the presence's fourth power: blocks
-        // where the talker is only likely (an interferer talking too) would
-        // pull the estimate towards the interferer.
-        const T p_squared = Mul(p, p);
+        // statistics. The weight is the fourth power of the presence, less
+        // where the bin resembles the learnt noise: blocks where the talker
+        // is only likely (an interferer talking too) would pull the estimate
+        // towards the interferer.
+        const T p_transfer = Mul(p, Sub(one, noise_like));
+        const T p_squared = Mul(p_transfer, p_transfer);
         const T weight = Mul(Splat(1.0f - transfer_keep_factor, zero), Mul(p_squared, p_squared));
         const T transfer_keep = Splat(transfer_keep_factor, zero);
         const T tr = Add(Mul(transfer_keep, Load(e.transfer[0] + k, zero)), Mul(weight, Sub(inst[2], n[2])));
@@ -227,9 +250,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
             const auto evident = Less(Mul(Splat(kFitEvidence, zero), n[0]), td);
             Store(talker_fit + k, Select(evident, beyond_diffuse(Mul(along, along), Mul(safe_td, Max(t11, tiny))),
                                          Splat(-1.0f, zero)));
-            const T m2 = Load(e.moments[2] + k, zero), m3 = Load(e.moments[3] + k, zero);
-            const T moments_coherence = beyond_diffuse(Add(Mul(m2, m2), Mul(m3, m3)),
-                                                       Mul(Load(e.moments[0] + k, zero), Load(e.moments[1] + k, zero)));
+            const T moments_coherence = beyond_diffuse(Add(Mul(m[2], m[2]), Mul(m[3], m[3])), Mul(m[0], m[1]));
             const T dominated = Select(Less(Splat(kDominated, zero), p), p, Splat(0.0f, zero));
             Store(dominated_weight + k, dominated);
             Store(dominated_coherence + k, Mul(dominated, moments_coherence));
