@@ -86,9 +86,10 @@ constexpr float kBeamGainFree = 0.7f;
 //   less than kDominatedMinWeight leave it). Speech is sparse: in a free field
 //   such a bin holds the talker alone and reads near 1 even with an
 //   interfering talker louder overall, whose mixture would spoil a long
-//   average's coherence. Reverberation lowers it: over whole scenes the
-//   benchmark's rooms (RT60 0.2 s and up) read 0.48-0.61, its free fields
-//   0.62-0.94 (0.76 and up where the interferer is a talker).
+//   average's coherence. Reverberation lowers it: at the end of 8 s the
+//   benchmark's rooms (RT60 0.2 s and up) read 0.25-0.58 (one with a tonal
+//   interferer 0.69), its free fields 0.56-0.97 (0.68 and up where the
+//   interferer is a talker). The moments' smoothing sets these readings.
 //   From kDryLow to kDryHigh it moves the loading towards kLoadingDry, the
 //   post-filter's floor where the talker is present towards
 //   kGainFloorPresentDry (the talker passes wherever it is present), and
@@ -107,8 +108,8 @@ constexpr float kBeamGainFree = 0.7f;
 constexpr float kDominated = 0.8f;
 constexpr float kDominatedMinWeight = 4.0f;
 constexpr double kLogDrynessKeep = -0.01005033585350145;  // ln 0.99
-constexpr float kDryLow = 0.66f;
-constexpr float kDryHigh = 0.76f;
+constexpr float kDryLow = 0.62f;
+constexpr float kDryHigh = 0.72f;
 constexpr float kLoadingDry = 0.001f;
 constexpr float kGainFloorPresentDry = 1.0f;
 constexpr float kFitEvidence = 0.5f;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr double kPiExact = 3.14159265358979323846;
 constexpr float kTiny = 1e-20f;            // floor of powers, keeps quotients finite
-constexpr float kMomentKeep = 0.6f;        // recursive averages of the second moments
+constexpr float kMomentKeep = 0.8f;        // recursive averages of the second moments (0.8: best of 0.6-0.9)
 constexpr float kResolvableArgument = 0.9f;  // omega d / c below: direction not resolved
 
 // Noise tracker on the fixed beam: fixed a-priori SNR 15 dB, presence

@@ -200,8 +200,8 @@ TEST(Enhanced, KeepsItsFootingAfterHostileInput) {
 
 // Anechoic, talker at broadside, a talker-like interferer at end-fire 6 dB
 // below it. The talker is dry and leaves evidence enough for the mode to see
-// it: about 12 dB of SI-SDR gain, where the beam made for a reverberant
-// talker gives 6 (the figures on rooms come from kivbf eval).
+// it: about 11 dB of SI-SDR gain, where the beam made for a reverberant
+// talker gives 5 (the figures on rooms come from kivbf eval).
 TEST(Enhanced, GainsOnAnAnechoicScene) {
     const size_t samples = kRate * 8;
     const std::vector<int16_t> pcm = Scene(samples, 0, 0.5f);
