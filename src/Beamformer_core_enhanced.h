@@ -61,6 +61,7 @@ struct BfEnhancedBlock {
     float blocked_power[kivbf::kBins + 2 * kEnhancedGuard];  // averaged |look-cancelled|^2
     float ratio_cue[kivbf::kBins + 2 * kEnhancedGuard];      // directional SNR, dB
     float coherence_cue[kivbf::kBins];      // coherence along the look direction
+    float moments_amplitude[kivbf::kBins];  // sqrt of the short moments' power product
     float level_cue[kivbf::kBins];          // log10 fixed-beam power over its noise
     float presence[kivbf::kBins];           // probability that the talker dominates
     float gain[kivbf::kBins + 2 * kEnhancedGuard];          // the post-filter's gain before smoothing

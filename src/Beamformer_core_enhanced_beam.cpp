@@ -151,10 +151,10 @@ void BoundRatio(T &re, T &im) {
 // say) still points where it pointed while the talker paused. A diffuse
 // noise's cross term is small, so the measure stays near zero there.
 template <typename T>
-T NoiseLikeness(const T (&moments)[4], const T (&noise)[4], T look_coherence) {
+T NoiseLikeness(const T (&moments)[4], T moments_amplitude, const T (&noise)[4], T look_coherence) {
     const T tiny = Splat(kTiny, look_coherence);
     const T dot = Add(Mul(moments[2], noise[2]), Mul(moments[3], noise[3]));
-    const T norm = Mul(Sqrt(Max(Mul(moments[0], moments[1]), tiny)), Sqrt(Max(Mul(noise[0], noise[1]), tiny)));
+    const T norm = Mul(moments_amplitude, Sqrt(Max(Mul(noise[0], noise[1]), tiny)));
     return Ramp(Sub(Div(dot, norm), look_coherence), kNoiseLikeLow, kNoiseLikeHigh);
 }
 
@@ -192,7 +192,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     const float guard_scale = 1.0f - dry;
     const float steady_share = kSteadyShare * (1.0f - dry);
     const float loading_spread = kLoading + dry * (kLoadingDry - kLoading);
-    const float floor_present = kGainFloor + dry * (kGainFloorPresentDry - kGainFloor);
+    const float floor_rise = dry * (kGainFloorPresentDry - kGainFloor);  // where the talker surely speaks
     // Per bin: the talker's coherence along the steering beyond the diffuse
     // field's (0..1; -1 where too little evidence); the presence where the
     // talker dominates (else 0) and that times the short moments' coherence
@@ -222,7 +222,8 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         }
         const T m[4] = {Load(e.moments[0] + k, zero), Load(e.moments[1] + k, zero),
                         Load(e.moments[2] + k, zero), Load(e.moments[3] + k, zero)};
-        const T noise_like = NoiseLikeness(m, learnt, Load(b.coherence_cue + k, zero));
+        const T noise_like = NoiseLikeness(m, Load(b.moments_amplitude + k, zero), learnt,
+                                           Load(b.coherence_cue + k, zero));
 
         // Transfer function from the talker-weighted, noise-subtracted
         // statistics. The weight is the fourth power of the presence, less
@@ -322,7 +323,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
         const T gamma = Div(Add(Mul(yr, yr), Mul(yi, yi)), noise);
         const T prior = Add(Mul(Splat(kDecisionDirected, zero), Load(e.prior_snr_memory + k, zero)),
                             Mul(Splat(1.0f - kDecisionDirected, zero), Max(Sub(gamma, one), Splat(0.0f, zero))));
-        const T floor = Add(Splat(kGainFloor, zero), Mul(Splat(floor_present - kGainFloor, zero), p));
+        const T floor = Add(Splat(kGainFloor, zero), Mul(Splat(floor_rise, zero), p));
         const T block_gain = Max(Div(prior, Add(one, prior)), floor);
         const T talker_power = Max(td, Splat(0.0f, zero));
         const T steady_gain = Div(talker_power, Add(talker_power, Max(Mul(noise, Splat(kSteadyNoiseScale, zero)), tiny)));

@@ -104,7 +104,9 @@ void Bf_EnhancedPresence(BfCoreState &s, BfEnhancedBlock &b) {
         const T tiny = Splat(kTiny, zero), quarter = Splat(0.25f, zero);
         Store(b.fixed_power + kEnhancedGuard + k, Max(Mul(Add(sum, twice), quarter), tiny));
         Store(b.blocked_power + kEnhancedGuard + k, Max(Mul(Sub(sum, twice), quarter), tiny));
-        Store(b.coherence_cue + k, Div(along, Sqrt(Add(Mul(m[0], m[1]), tiny))));
+        const T amplitude = Sqrt(Add(Mul(m[0], m[1]), tiny));
+        Store(b.moments_amplitude + k, amplitude);
+        Store(b.coherence_cue + k, Div(along, amplitude));
 
         // This block's fixed beam (x0 + conj(d) x1) / 2 and its noise tracker.
         const T yr = Add(x0r, Add(Mul(dr, x1r), Mul(di, x1i)));
