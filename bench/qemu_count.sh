@@ -36,3 +36,7 @@ for mode in 0 1 2 3; do
         done
     done
 done
+for stream in mixed noise speech; do
+    row "run/enhanced/$stream" "$(per_unit $blocks enhanced $stream $blocks)"
+done
+row locate "$(per_unit $blocks locate $blocks)"

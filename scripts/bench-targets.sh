@@ -65,6 +65,10 @@ verdict "x86-64: peer / ours per second >= 5 in mode 1" "$(worst "$work/x86" '^r
     "$(wall '^run/mode1/' 5 min)" 5 ge
 verdict "x86-64: peer / ours per second >= 2, modes 0-3" "$(worst "$work/x86" '^run/mode[0-3]/' 5 min)" \
     "$(wall '^run/mode[0-3]/' 5 min)" 2 ge
+verdict "x86-64: enhanced mode <= 2.5 x floor" "$(worst "$work/x86" '^run/enhanced/' 3 max)" "-" 2.5 le
+verdict "x86-64: direction finder <= 0.25 x floor" "$(worst "$work/x86" '^locate$' 3 max)" "-" 0.25 le
 verdict "working buffer <= 64 KiB (KiB)" "$(awk '{ printf "%.2f", $1 / 1024 }' "$work/buffer")" "-" 64 le
 verdict "AArch64: own FFT <= 1/3 x KissFFT floor" "$(worst "$work/a64" '^fft_own$' 3 max)" "-" 0.3334 le
 verdict "AArch64: mode 1 <= 0.6 x floor" "$(worst "$work/a64" '^run/mode1/' 3 max)" "-" 0.6 le
+verdict "AArch64: enhanced mode <= 2.5 x floor" "$(worst "$work/a64" '^run/enhanced/' 3 max)" "-" 2.5 le
+verdict "AArch64: direction finder <= 0.25 x floor" "$(worst "$work/a64" '^locate$' 3 max)" "-" 0.25 le
