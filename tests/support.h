@@ -40,6 +40,7 @@ inline AudioBfInit DefaultInit(uint32_t sample_rate = 16000, float distance_cm =
 
 // Init, SetConfig (defaults with temperature 20), SetShape(geometry); asserts
 // each succeeded. Does not call SetMode.
+inline constexpr double kSpeedOfSound = 343.0;  // m/s at those 20 degrees C: 331 + 0.6 * 20
 AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry = 0,
                                    uint32_t sample_rate = 16000, float distance_cm = 5.0f);
 

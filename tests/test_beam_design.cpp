@@ -8,22 +8,20 @@
 #include "support.h"
 
 using namespace kivbf;
-using kivbf_test::BinOf;
+using kivbf_test::BinOf, kivbf_test::kSpeedOfSound;
 
 namespace {
 
 using cd = std::complex<double>;
 
-constexpr double kSpeed = 343.0;   // m/s at 20 degrees C
 constexpr double kSpacing = 0.05;  // m
-constexpr double kPiDouble = 3.14159265358979323846;
 
 // A linear two-microphone array on the x axis at 16 kHz, configured as the
 // setters leave it, with the beam designed toward the caller's angle.
 std::unique_ptr<BfCoreState> DesignedBeam(float loading, float caller_angle) {
     auto s = std::make_unique<BfCoreState>();
     s->sample_rate = 16000;
-    s->speed_of_sound = static_cast<float>(kSpeed);
+    s->speed_of_sound = static_cast<float>(kSpeedOfSound);
     s->mic_position[0][0] = static_cast<float>(-kSpacing / 2);
     s->mic_position[1][0] = static_cast<float>(kSpacing / 2);
     s->mic_distance_matrix[0][1] = s->mic_distance_matrix[1][0] = static_cast<float>(kSpacing);
@@ -40,7 +38,7 @@ std::unique_ptr<BfCoreState> DesignedBeam(float loading, float caller_angle) {
 // cosine of its angle to the array's axis.
 cd PlaneWave(int32_t m, int32_t k, double cosine) {
     const double x = (m == 0 ? -kSpacing : kSpacing) / 2;
-    return std::polar(1.0, 2 * kPiDouble * (k * 16000.0 / 256.0) * x * cosine / kSpeed);
+    return std::polar(1.0, 2 * M_PI * (k * 16000.0 / 256.0) * x * cosine / kSpeedOfSound);
 }
 
 }  // namespace
@@ -51,7 +49,7 @@ TEST(BeamDesign, UnitGainTowardTheLookDirectionAndAverageAtBinZero) {
     for (float loading : {0.0001f, 0.001f, 0.01f}) {
         for (float angle : {0.0f, 30.0f, -60.0f, -90.0f, 90.0f}) {
             auto s = DesignedBeam(loading, angle);
-            const double cosine = std::cos((angle + 90.0) * kPiDouble / 180.0);
+            const double cosine = std::cos((angle + 90.0) * M_PI / 180.0);
             for (int32_t m = 0; m < kMics; ++m) EXPECT_EQ(BinOf(s->beam_weights[m], 0), cd(0.5, 0.0)) << m;
             for (int32_t k = 1; k < kBins; ++k) {
                 const cd response = BinOf(s->beam_weights[0], k) * PlaneWave(0, k, cosine) +
@@ -71,7 +69,8 @@ TEST(BeamDesign, HeavierLoadingMovesTowardDelayAndSum) {
         double distance[2] = {0.0, 0.0};
         for (int32_t m = 0; m < kMics; ++m)
             for (int32_t k = 1; k < kBins; ++k)
-                distance[k < 64 ? 0 : 1] += std::norm(BinOf(s->beam_weights[m], k) - std::conj(PlaneWave(m, k, 1.0)) / 2.0);
+                distance[k < 64 ? 0 : 1] +=
+                    std::norm(BinOf(s->beam_weights[m], k) - std::conj(PlaneWave(m, k, 1.0)) / 2.0);
         for (int band = 0; band < 2; ++band) {
             EXPECT_LT(distance[band], previous[band]) << "loading " << loading << " band " << band;
             previous[band] = distance[band];

@@ -165,7 +165,6 @@ TEST_F(FftTest, BothDirectionsAgreeWithDoubleDftAndKissFft) {
         const std::vector<double> exact = ReferenceForward(input.frame);
         EXPECT_LE(RelativeError(spectrum, exact, kFloats, kBins), kForwardBound);
         EXPECT_LE(RelativeError(kiss.Forward(input.frame), exact, kFloats, kBins), kForwardBound);
-        EXPECT_LE(RelativeError(spectrum, kiss.Forward(input.frame), kFloats, kBins), 2 * kForwardBound);
         EXPECT_EQ(spectrum[1], 0.0f);
         EXPECT_EQ(spectrum[kN + 1], 0.0f);
 
@@ -177,7 +176,6 @@ TEST_F(FftTest, BothDirectionsAgreeWithDoubleDftAndKissFft) {
         const std::vector<double> inverse = ReferenceInverse(spectrum);
         EXPECT_LE(RelativeError(signal, inverse, kN, kN), kInverseBound);
         EXPECT_LE(RelativeError(kiss.Inverse(spectrum), inverse, kN, kN), kInverseBound);
-        EXPECT_LE(RelativeError(signal, kiss.Inverse(spectrum), kN, kN), 2 * kInverseBound);
         EXPECT_EQ(signal[kN], 0.0f);
         EXPECT_EQ(signal[kN + 1], 0.0f);
         EXPECT_EQ(signal, Transformed(FFT_INVERSE, spectrum)) << "Im[0] and Im[N/2] are ignored";

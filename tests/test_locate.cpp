@@ -16,8 +16,6 @@ using namespace kivbf_test;
 
 namespace {
 
-constexpr double kSpeed = 343.0;  // 331 + 0.6 * 20 degrees
-constexpr double kPi = 3.141592653589793;
 
 // A source of sinusoids between 300 Hz and 3.4 kHz from `degrees` (positive
 // towards microphone 0, which hears it earlier), delayed exactly per
@@ -26,8 +24,8 @@ constexpr double kPi = 3.141592653589793;
 void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool bursts, uint32_t rate,
                double spacing_m, uint32_t seed) {
     std::mt19937 random(seed);
-    std::uniform_real_distribution<double> frequency(300.0, 3400.0), phase(0.0, 2.0 * kPi), floor(-4.0, 4.0);
-    const double lead = spacing_m * std::sin(degrees * kPi / 180.0) / kSpeed / 2.0;
+    std::uniform_real_distribution<double> frequency(300.0, 3400.0), phase(0.0, 2.0 * M_PI), floor(-4.0, 4.0);
+    const double lead = spacing_m * std::sin(degrees * M_PI / 180.0) / kSpeedOfSound / 2.0;
     const size_t frames = pcm.size() / 2;
     for (double &sample : pcm) sample += floor(random);
     for (int tone = 0; tone < 40; ++tone) {
@@ -35,8 +33,8 @@ void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool 
         for (size_t n = 0; n < frames; ++n) {
             const double t = static_cast<double>(n) / rate;
             if (bursts && (t < 0.5 || std::fmod(t, 0.5) > 0.3)) continue;
-            pcm[2 * n] += amplitude * std::sin(2.0 * kPi * f * (t + lead) + p);
-            pcm[2 * n + 1] += amplitude * std::sin(2.0 * kPi * f * (t - lead) + p);
+            pcm[2 * n] += amplitude * std::sin(2.0 * M_PI * f * (t + lead) + p);
+            pcm[2 * n + 1] += amplitude * std::sin(2.0 * M_PI * f * (t - lead) + p);
         }
     }
 }
@@ -48,11 +46,7 @@ std::vector<int16_t> ToPcm(const std::vector<double> &x) {
 }
 
 struct RunSetup {
-    uint32_t mode = 1;
-    uint32_t auto_steer = 0;
-    uint32_t finder = 1;
-    uint32_t rate = 16000;
-    uint32_t geometry = KIVBF_GEOMETRY_LINEAR;
+    uint32_t mode = 1, auto_steer = 0, finder = 1, rate = 16000, geometry = KIVBF_GEOMETRY_LINEAR;
 };
 
 // Runs the whole signal; returns the output and leaves the handle for inspection.
@@ -106,9 +100,7 @@ TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
         for (double angle : {-70.0, -35.0, 0.0, 20.0, 55.0, 80.0}) {
             std::vector<double> x(2 * rate * 3, 0.0);
             AddSource(x, angle, 300.0, true, rate, 0.05, 7);
-            RunSetup setup;
-            setup.rate = rate;
-            RunAll(buffer_, handle_, ToPcm(x), setup);
+            RunAll(buffer_, handle_, ToPcm(x), RunSetup{.rate = rate});
             float confidence = 0.0f;
             // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe; near end-fire
             // the candidates lie further apart in angle (80: between the last two).
@@ -122,9 +114,7 @@ TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
     // A pair on a circle is the same pair: the angle to its axis.
     std::vector<double> x(2 * 16000 * 3, 0.0);
     AddSource(x, 30.0, 300.0, true, 16000, 0.05, 8);
-    RunSetup circular;
-    circular.geometry = KIVBF_GEOMETRY_CIRCULAR;
-    RunAll(buffer_, handle_, ToPcm(x), circular);
+    RunAll(buffer_, handle_, ToPcm(x), RunSetup{.geometry = KIVBF_GEOMETRY_CIRCULAR});
     EXPECT_NEAR(Estimate(handle_), 30.0, 1.5);
 }
 
@@ -151,16 +141,11 @@ TEST_F(Locate, AdaptiveModesSteerAtTheEstimateTheOthersDoNot) {
     AddSource(x, 45.0, 100.0, false, 16000, 0.05, 6);
     const std::vector<int16_t> pcm = ToPcm(x);
     for (uint32_t mode : {0u, 1u, 2u, 3u}) {
-        RunSetup off;
-        off.mode = mode;
-        off.finder = 0;
-        const std::vector<int16_t> plain = RunAll(buffer_, handle_, pcm, off, 60.0f);
-        RunSetup finder = off;
-        finder.finder = 1;  // running the finder changes nothing else
-        EXPECT_EQ(RunAll(buffer_, handle_, pcm, finder, 60.0f), plain) << mode;
-        RunSetup steered = off;
-        steered.auto_steer = 1;
-        const std::vector<int16_t> out = RunAll(buffer_, handle_, pcm, steered, 60.0f);
+        const std::vector<int16_t> plain = RunAll(buffer_, handle_, pcm, {.mode = mode, .finder = 0}, 60.0f);
+        // Running the finder changes nothing else.
+        EXPECT_EQ(RunAll(buffer_, handle_, pcm, {.mode = mode, .finder = 1}, 60.0f), plain) << mode;
+        const std::vector<int16_t> out =
+            RunAll(buffer_, handle_, pcm, {.mode = mode, .auto_steer = 1, .finder = 0}, 60.0f);
         const BfCoreState &s = *Bf_StateOf(handle_);
         if (mode == 1 || mode == 2) {
             EXPECT_EQ(out, plain) << mode;
