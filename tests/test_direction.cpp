@@ -43,9 +43,10 @@ double DelayDifference(double angle_deg) {
 void Block(BfCoreState &s, std::mt19937 &rng, const double *angle_deg) {
     RandomSpectrum(rng, s.mic_spectrum[0]);
     RandomSpectrum(rng, s.raw_mic1_spectrum);
-    for (int32_t k = 0; angle_deg != nullptr && k < kBins; ++k)
-        kivbf_test::SetBinOf(s.raw_mic1_spectrum, k, kivbf_test::BinOf(s.mic_spectrum[0], k) *
-                                                         std::polar(1.0, BinFrequency(k) * DelayDifference(*angle_deg)));
+    for (int32_t k = 0; angle_deg != nullptr && k < kBins; ++k) {
+        const auto delay = std::polar(1.0, BinFrequency(k) * DelayDifference(*angle_deg));
+        kivbf_test::SetBinOf(s.raw_mic1_spectrum, k, kivbf_test::BinOf(s.mic_spectrum[0], k) * delay);
+    }
     // The calibrated copy must not be what the coherence stages read.
     RandomSpectrum(rng, s.mic_spectrum[1]);
     Bf_SpectraAverage(s);

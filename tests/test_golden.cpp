@@ -121,8 +121,7 @@ constexpr GoldenCase kCases[] = {
 std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &scene) {
     kivbf_test::WorkingBuffer buffer;
     AudioBfHandle handle = kivbf_test::MakeConfiguredHandle(buffer);
-    AudioBfConfig config{};
-    EXPECT_EQ(KivBf_GetConfig(handle, &config), KIVBF_OK);
+    AudioBfConfig config = kivbf_test::CurrentConfig(handle);
     config.vad_enable = c.vad_enable;
     config.Noise_estimation = c.noise_estimation;
     EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);

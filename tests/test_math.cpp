@@ -126,11 +126,8 @@ TEST(Math, FloatEdgeCases) {
     for (const auto &e : kEdges) {
         SCOPED_TRACE(e.x);
         for (const auto &[got, want] : {std::pair{ExpF(e.x), e.exp}, std::pair{LogF(e.x), e.log}}) {
-            if (std::isnan(want)) {
-                EXPECT_TRUE(std::isnan(got));
-            } else {
-                EXPECT_FLOAT_EQ(got, want);
-            }
+            if (std::isnan(want)) EXPECT_TRUE(std::isnan(got)) << got;
+            else EXPECT_FLOAT_EQ(got, want);
         }
     }
     // No subnormal results, whatever the unit: below FLT_MIN is zero.
@@ -161,7 +158,8 @@ const DoubleCase kDoubleCases[] = {
 TEST(Math, DoubleFunctionsAreAccurate) {
     for (const DoubleCase &c : kDoubleCases) {
         SCOPED_TRACE(c.name);
-        ExpectAccurateAndRecorded(c.name, DoubleSweep(c.lo, c.hi, 200000, 7), c.function, c.exact, c.bound_ulp, c.hash);
+        ExpectAccurateAndRecorded(c.name, DoubleSweep(c.lo, c.hi, 200000, 7), c.function, c.exact, c.bound_ulp,
+                                  c.hash);
     }
 }
 
