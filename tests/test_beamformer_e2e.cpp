@@ -28,12 +28,13 @@ struct PlaneWave {
     double frequencies[4];
 };
 
-// Output of `pcm` through a fresh handle in `mode` looking at `look` degrees.
+// Output of `pcm` through a fresh handle in `mode` looking at `look` degrees
+// (blocks run at direction 0).
 std::vector<int16_t> RunMode(uint32_t mode, float look, const std::vector<int16_t> &pcm) {
     WorkingBuffer buffer;
     AudioBfHandle handle = MakeConfiguredHandle(buffer);
     EXPECT_EQ(KivBf_SetMode(handle, mode, look), KIVBF_OK);
-    return RunStream(handle, pcm, look);
+    return RunStream(handle, pcm);
 }
 
 // Plays the first wave alone for `lead` blocks, then all of them for
