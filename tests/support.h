@@ -1,11 +1,14 @@
 // Helpers shared by the tests: a working buffer with the alignment malloc
-// gives, a handle configured the usual way, stdout capture and the
-// message-level file.
+// gives, a handle configured the usual way, block-by-block runs, stdout
+// capture, the message-level file, bins of a spectrum and FNV-1a hashes.
+// Every test starts at the default message level (support.cpp points
+// DML_PATH at a file that does not exist).
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <complex>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -37,6 +40,7 @@ inline AudioBfInit DefaultInit(uint32_t sample_rate = 16000, float distance_cm =
 
 // Init, SetConfig (defaults with temperature 20), SetShape(geometry); asserts
 // each succeeded. Does not call SetMode.
+inline constexpr double kSpeedOfSound = 343.0;  // m/s at those 20 degrees C: 331 + 0.6 * 20
 AudioBfHandle MakeConfiguredHandle(WorkingBuffer &buffer, uint32_t geometry = 0,
                                    uint32_t sample_rate = 16000, float distance_cm = 5.0f);
 
@@ -53,8 +57,22 @@ std::string Captured(Body &&body) {
 }
 
 // Output of the interleaved `pcm` run block by block at `direction`; expects
-// every block to succeed.
-std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> &pcm, float direction = 0.0f);
+// every block to succeed and calls `after_block(b)` after block b.
+template <typename AfterBlock>
+std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> &pcm, float direction,
+                               AfterBlock &&after_block) {
+    std::vector<int16_t> output(pcm.size() / 2);
+    for (size_t at = 0; at + 256 <= pcm.size(); at += 256) {
+        EXPECT_EQ(KivBf_Run(handle, &pcm[at], &output[at / 2], &direction), KIVBF_OK) << "block " << at / 256;
+        after_block(at / 256);
+    }
+    return output;
+}
+
+inline std::vector<int16_t> RunStream(AudioBfHandle handle, const std::vector<int16_t> &pcm,
+                                      float direction = 0.0f) {
+    return RunStream(handle, pcm, direction, [](size_t) {});
+}
 
 // The handle's current configuration; expects GetConfig to succeed.
 AudioBfConfig CurrentConfig(AudioBfHandle handle);
@@ -73,5 +91,19 @@ inline void SetMessageLevel(int level) {
 
 // Start of every error message of the beamformer.
 inline const std::string kBfError = "[ALGO_MSG_ERR] [BF] ";
+
+// Bin k of an interleaved complex spectrum (re, im, re, im, ...).
+inline std::complex<double> BinOf(const float *spectrum, int k) { return {spectrum[2 * k], spectrum[2 * k + 1]}; }
+inline void SetBinOf(float *spectrum, int k, std::complex<double> value) {
+    spectrum[2 * k] = static_cast<float>(value.real());
+    spectrum[2 * k + 1] = static_cast<float>(value.imag());
+}
+
+// FNV-1a 64 continued over the low `bytes` bytes of `bits`, least significant first.
+inline constexpr uint64_t kFnv1aStart = 14695981039346656037ull;
+inline uint64_t Fnv1a64(uint64_t hash, uint64_t bits, int bytes) {
+    for (int b = 0; b < bytes; ++b) hash = (hash ^ ((bits >> (8 * b)) & 0xFFu)) * 1099511628211ull;
+    return hash;
+}
 
 }  // namespace kivbf_test

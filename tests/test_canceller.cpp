@@ -8,18 +8,14 @@
 #include <vector>
 
 #include "Beamformer_core.h"
+#include "support.h"
 #include "vector_lanes.h"
 
 namespace {
 
 using cd = std::complex<double>;
+using kivbf_test::BinOf, kivbf_test::SetBinOf;
 constexpr int kBins = kivbf::kBins;
-
-cd Bin(const float *a, int k) { return {a[2 * k], a[2 * k + 1]}; }
-void SetBin(float *a, int k, cd v) {
-    a[2 * k] = static_cast<float>(v.real());
-    a[2 * k + 1] = static_cast<float>(v.imag());
-}
 
 }  // namespace
 
@@ -32,15 +28,15 @@ TEST(Canceller, TargetOnlyInputLeavesTheBeamAndOnlyLeaksBoundedTaps) {
         s->beam_weights[0][i] = std::cos(0.3f * i);
         s->beam_weights[1][i] = std::sin(0.9f * i + 0.4f);
     }
-    for (int k = 0; k < kBins; ++k) SetBin(s->steering_phase, k, std::polar(1.0, 0.02 * k));
+    for (int k = 0; k < kBins; ++k) SetBinOf(s->steering_phase, k, std::polar(1.0, 0.02 * k));
     Bf_ResetCanceller(*s);
     using namespace kivbf::lanes;
     for (int k = 0; k < kBins; ++k)
         StoreComplex(s->mic_spectrum[1], k,
                      Product(LoadComplex<float>(s->steering_phase, k), LoadComplex<float>(s->mic_spectrum[0], k)));
-    SetBin(s->anc_filter, 3, std::polar(3.0 / 0.997, 0.8));
-    SetBin(s->anc_filter, 4, std::polar(1.5 / 0.997, -2.0));
-    SetBin(s->anc_filter, 5, 0.0);  // 2 / |H| must not become NaN
+    SetBinOf(s->anc_filter, 3, std::polar(3.0 / 0.997, 0.8));
+    SetBinOf(s->anc_filter, 4, std::polar(1.5 / 0.997, -2.0));
+    SetBinOf(s->anc_filter, 5, 0.0);  // 2 / |H| must not become NaN
     float leaked = 1.0f;
     for (int block = 0; block < 5; ++block) {
         Bf_BeamSum(*s);
@@ -54,9 +50,9 @@ TEST(Canceller, TargetOnlyInputLeavesTheBeamAndOnlyLeaksBoundedTaps) {
             ASSERT_FLOAT_EQ(s->anc_filter[2 * k], leaked);
             ASSERT_EQ(s->anc_filter[2 * k + 1], 0.0f);
         }
-        const cd bounded = Bin(s->anc_filter, 3), kept = Bin(s->anc_filter, 4);
+        const cd bounded = BinOf(s->anc_filter, 3), kept = BinOf(s->anc_filter, 4);
         EXPECT_NEAR(std::abs(bounded - std::polar(2.0 * leaked / 0.997f, 0.8)), 0.0, 1e-5) << block;
         EXPECT_NEAR(std::abs(kept - std::polar(1.5 * leaked / 0.997f, -2.0)), 0.0, 1e-5) << block;
-        EXPECT_EQ(Bin(s->anc_filter, 5), cd(0.0, 0.0));
+        EXPECT_EQ(BinOf(s->anc_filter, 5), cd(0.0, 0.0));
     }
 }

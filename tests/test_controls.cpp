@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -16,16 +15,10 @@ namespace {
 const int32_t kBands[6] = {10, 20, 40, 60, 90, 120};
 const int32_t kFactors[7] = {1, 2, 3, 4, 5, 6, 7};
 
-class Controls : public testing::Test {
-protected:
-    void SetUp() override {
-        setenv("DML_PATH", "/nonexistent/audioAlgo.json", 1);  // default level 7
-        handle_ = MakeConfiguredHandle(buffer_);
-    }
+struct Controls : testing::Test {
     BfCoreState &state() { return *Bf_StateOf(handle_); }
-
     WorkingBuffer buffer_;
-    AudioBfHandle handle_ = nullptr;
+    AudioBfHandle handle_ = MakeConfiguredHandle(buffer_);
 };
 
 struct Refusal {

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "Beamformer_core.h"
+#include "support.h"
 
 namespace {
 
@@ -43,10 +44,8 @@ void Block(BfCoreState &s, std::mt19937 &rng, const double *angle_deg) {
     RandomSpectrum(rng, s.mic_spectrum[0]);
     RandomSpectrum(rng, s.raw_mic1_spectrum);
     for (int32_t k = 0; angle_deg != nullptr && k < kBins; ++k) {
-        const std::complex<double> x0(s.mic_spectrum[0][2 * k], s.mic_spectrum[0][2 * k + 1]);
-        const auto x1 = x0 * std::polar(1.0, BinFrequency(k) * DelayDifference(*angle_deg));
-        s.raw_mic1_spectrum[2 * k] = static_cast<float>(x1.real());
-        s.raw_mic1_spectrum[2 * k + 1] = static_cast<float>(x1.imag());
+        const auto delay = std::polar(1.0, BinFrequency(k) * DelayDifference(*angle_deg));
+        kivbf_test::SetBinOf(s.raw_mic1_spectrum, k, kivbf_test::BinOf(s.mic_spectrum[0], k) * delay);
     }
     // The calibrated copy must not be what the coherence stages read.
     RandomSpectrum(rng, s.mic_spectrum[1]);

@@ -25,7 +25,6 @@ struct DumpFixture : testing::Test {
         char pattern[] = "/tmp/kivbf_dump_XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         dir = pattern;
-        setenv("DML_PATH", "/nonexistent/level.json", 1);  // level 7
         setenv("AUDIO_DUMP_PATH", dir.c_str(), 1);
         setenv("AUDIO_BF_DUMP", "1", 1);
     }

@@ -83,11 +83,8 @@ public:
     AudioBfHandle get() const { return h_; }
     // Runs every whole block of `pcm` and appends the output.
     void Run(const std::vector<int16_t> &pcm, std::vector<int16_t> &out) {
-        const float direction = 0.0f;
-        for (size_t b = 0; b + 2 * kHop <= pcm.size(); b += 2 * kHop) {
-            out.resize(out.size() + kHop);
-            ASSERT_EQ(KivBf_Run(h_, &pcm[b], &out[out.size() - kHop], &direction), KIVBF_OK);
-        }
+        const std::vector<int16_t> more = RunStream(h_, pcm);
+        out.insert(out.end(), more.begin(), more.end());
     }
 
 private:

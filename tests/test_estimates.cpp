@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "arm_estimates.h"
+#include "support.h"
 
 namespace {
 
@@ -52,9 +53,8 @@ std::vector<uint32_t> LaneResults(const std::vector<uint32_t> &inputs, Estimate 
 }
 
 uint64_t Hash(const std::vector<uint32_t> &values) {
-    uint64_t hash = 14695981039346656037ull;
-    for (uint32_t v : values)
-        for (int byte = 0; byte < 4; ++byte) hash = (hash ^ ((v >> (8 * byte)) & 0xFF)) * 1099511628211ull;
+    uint64_t hash = kivbf_test::kFnv1aStart;
+    for (uint32_t v : values) hash = kivbf_test::Fnv1a64(hash, v, 4);
     return hash;
 }
 

@@ -2,6 +2,7 @@
 #include <kissfft/kiss_fftr.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <complex>
 #include <cstdio>
@@ -123,11 +124,7 @@ double RelativeError(const Frame &actual, const Reference &reference, int32_t co
 }
 
 uint64_t Fnv1a64(uint64_t hash, const Frame &values) {
-    for (float value : values) {
-        uint32_t bits;
-        std::memcpy(&bits, &value, sizeof bits);
-        for (int shift = 0; shift < 32; shift += 8) hash = (hash ^ ((bits >> shift) & 0xFFu)) * 1099511628211ull;
-    }
+    for (float value : values) hash = kivbf_test::Fnv1a64(hash, std::bit_cast<uint32_t>(value), 4);
     return hash;
 }
 
@@ -168,7 +165,6 @@ TEST_F(FftTest, BothDirectionsAgreeWithDoubleDftAndKissFft) {
         const std::vector<double> exact = ReferenceForward(input.frame);
         EXPECT_LE(RelativeError(spectrum, exact, kFloats, kBins), kForwardBound);
         EXPECT_LE(RelativeError(kiss.Forward(input.frame), exact, kFloats, kBins), kForwardBound);
-        EXPECT_LE(RelativeError(spectrum, kiss.Forward(input.frame), kFloats, kBins), 2 * kForwardBound);
         EXPECT_EQ(spectrum[1], 0.0f);
         EXPECT_EQ(spectrum[kN + 1], 0.0f);
 
@@ -180,7 +176,6 @@ TEST_F(FftTest, BothDirectionsAgreeWithDoubleDftAndKissFft) {
         const std::vector<double> inverse = ReferenceInverse(spectrum);
         EXPECT_LE(RelativeError(signal, inverse, kN, kN), kInverseBound);
         EXPECT_LE(RelativeError(kiss.Inverse(spectrum), inverse, kN, kN), kInverseBound);
-        EXPECT_LE(RelativeError(signal, kiss.Inverse(spectrum), kN, kN), 2 * kInverseBound);
         EXPECT_EQ(signal[kN], 0.0f);
         EXPECT_EQ(signal[kN + 1], 0.0f);
         EXPECT_EQ(signal, Transformed(FFT_INVERSE, spectrum)) << "Im[0] and Im[N/2] are ignored";
@@ -192,7 +187,7 @@ TEST_F(FftTest, BothDirectionsAgreeWithDoubleDftAndKissFft) {
 // directions over every input, recorded on x86-64. Rerecord it only when
 // the arithmetic changes on purpose.
 TEST_F(FftTest, OutputBitsMatchTheRecordedHash) {
-    uint64_t hash = 14695981039346656037ull;
+    uint64_t hash = kivbf_test::kFnv1aStart;
     for (const Input &input : Inputs()) {
         const Frame spectrum = Transformed(FFT_FORWARD, input.frame);
         hash = Fnv1a64(Fnv1a64(hash, spectrum), Transformed(FFT_INVERSE, spectrum));

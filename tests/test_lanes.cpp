@@ -82,6 +82,9 @@ TEST(Lanes, QuotientAndSquareRootAreWithinAFewUlpAndHandleSpecialValues) {
             a[at] = c.radicand;
             run(9);
             EXPECT_TRUE(SameBits(r[at], c.root)) << c.radicand << " @" << at;
+            for (int32_t i = 1; i < 4; ++i)  // ordinary lanes beside a special one: still a few ULP
+                EXPECT_TRUE(UlpDistance(q[i], 1.0f) <= 4 && UlpDistance(r[i], 1.0f) <= 4)
+                    << "1 / 1 = " << q[i] << ", sqrt 1 = " << r[i] << " in lane " << i << " beside " << c.divisor;
         }
     }
     // The canceller's bound for a zero tap: min(sqrt(4 / 0), 1) = 1 in both.

@@ -39,13 +39,15 @@ TEST(Lifecycle, InitAndResetRefuseBadArgumentsInCheckOrder) {
     const std::pair<AudioBfInit, std::string> cases[] = {
         {{127, 16000, 5.0f, 2}, point},     {{256, 44100, -1.0f, 3}, point}, {{128, 44100, 0.0f, 3}, mics},
         {{128, 16000, -0.5f, 2}, distance}, {{128, 44100, NAN, 2}, distance}, {{128, 7999, 5.0f, 2}, rate},
+        {{128, 16000, INFINITY, 2}, distance}, {{128, 16000, -INFINITY, 2}, distance},
         {{128, 44100, 5.0f, 2}, rate},      {{128, 8000, 5.0f, 2}, ""},      {{128, 48000, 5.0f, 2}, ""},
     };
     WorkingBuffer buffer;
     for (const auto &[init, message] : cases) {
+        SCOPED_TRACE(testing::Message() << init.sample_rate << " Hz, " << init.microphone_distance << " cm");
         AudioBfHandle h = nullptr;
-        EXPECT_EQ(Captured([&] { h = KivBf_Init(buffer.data(), &init); }), message) << init.sample_rate;
-        EXPECT_EQ(h != nullptr, message.empty()) << init.sample_rate;
+        EXPECT_EQ(Captured([&] { h = KivBf_Init(buffer.data(), &init); }), message);
+        EXPECT_EQ(h != nullptr, message.empty());
     }
     // Null and misaligned buffers are refused untouched.
     AudioBfInit init = DefaultInit();

@@ -10,13 +10,16 @@
 #include <cstdint>
 #include <limits>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "math_functions.h"
+#include "support.h"
 
 namespace {
 
 using namespace kivbf::math;
+using kivbf_test::Fnv1a64;
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -53,9 +56,29 @@ long double UlpError(T y, long double exact) {
     return std::fabs(static_cast<long double>(y) - exact) / ulp;
 }
 
-uint64_t HashBits(uint64_t hash, uint64_t bits, int bytes) {
-    for (int b = 0; b < bytes; ++b) hash = (hash ^ ((bits >> (8 * b)) & 0xFF)) * 1099511628211ull;
-    return hash;
+// Over the sweep `x`: the worst error of `function` in ULP where the exact
+// value is a normal T (on x86-64 only, where long double is precise enough),
+// and the hash of the results' bits against the one recorded on x86-64.
+template <typename T>
+void ExpectAccurateAndRecorded(const char *name, const std::vector<T> &x, T (*function)(T),
+                               long double (*exact)(long double), double bound_ulp, uint64_t recorded) {
+    using Bits = std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>;
+    [[maybe_unused]] long double worst = 0;
+    uint64_t hash = kivbf_test::kFnv1aStart;
+    for (T v : x) {
+        const T y = function(v);
+        hash = Fnv1a64(hash, std::bit_cast<Bits>(y), sizeof(T));
+#if defined(__x86_64__)
+        const long double e = exact(v);
+        if (std::fabs(e) >= std::numeric_limits<T>::min() && std::fabs(e) <= std::numeric_limits<T>::max())
+            worst = std::max(worst, UlpError(y, e));
+#endif
+    }
+#if defined(__x86_64__)
+    EXPECT_LE(worst, bound_ulp) << "over " << x.size() << " points";
+    std::printf("%s: worst %.3Lf ULP over %zu points\n", name, worst, x.size());
+#endif
+    EXPECT_EQ(hash, recorded) << std::hex << "0x" << hash;
 }
 
 struct FloatCase {
@@ -80,29 +103,16 @@ TEST(Math, FloatFunctionsAreAccurateAndLanesEqualScalar) {
         SCOPED_TRACE(c.name);
         std::vector<float> x = FloatSweep(c.lo, c.hi);
         while (x.size() % 4 != 0) x.push_back(c.hi);
-        [[maybe_unused]] long double worst = 0;
-        uint64_t hash = 14695981039346656037ull;
         int lane_mismatches = 0;
         for (size_t i = 0; i < x.size(); i += 4) {
             float lanes[4];
             vst1q_f32(lanes, c.lanes(vld1q_f32(&x[i])));
-            for (size_t j = i; j < i + 4; ++j) {
-                const float y = c.scalar(x[j]);
-                hash = HashBits(hash, std::bit_cast<uint32_t>(y), 4);
-                if (std::bit_cast<uint32_t>(y) != std::bit_cast<uint32_t>(lanes[j - i]) && ++lane_mismatches < 5)
+            for (size_t j = i; j < i + 4; ++j)
+                if (std::bit_cast<uint32_t>(c.scalar(x[j])) != std::bit_cast<uint32_t>(lanes[j - i]) &&
+                    ++lane_mismatches < 5)
                     ADD_FAILURE() << "lanes differ at " << x[j];
-#if defined(__x86_64__)
-                const long double exact = c.exact(x[j]);
-                if (std::fabs(exact) >= FLT_MIN && std::fabs(exact) <= FLT_MAX)
-                    worst = std::max(worst, UlpError(y, exact));
-#endif
-            }
         }
-#if defined(__x86_64__)
-        EXPECT_LE(worst, c.bound_ulp) << "over " << x.size() << " points";
-        std::printf("%s: worst %.3Lf ULP over %zu points\n", c.name, worst, x.size());
-#endif
-        EXPECT_EQ(hash, c.hash) << std::hex << "0x" << hash;
+        ExpectAccurateAndRecorded(c.name, x, c.scalar, c.exact, c.bound_ulp, c.hash);
     }
 }
 
@@ -116,11 +126,8 @@ TEST(Math, FloatEdgeCases) {
     for (const auto &e : kEdges) {
         SCOPED_TRACE(e.x);
         for (const auto &[got, want] : {std::pair{ExpF(e.x), e.exp}, std::pair{LogF(e.x), e.log}}) {
-            if (std::isnan(want)) {
-                EXPECT_TRUE(std::isnan(got));
-            } else {
-                EXPECT_FLOAT_EQ(got, want);
-            }
+            if (std::isnan(want)) EXPECT_TRUE(std::isnan(got)) << got;
+            else EXPECT_FLOAT_EQ(got, want);
         }
     }
     // No subnormal results, whatever the unit: below FLT_MIN is zero.
@@ -151,21 +158,8 @@ const DoubleCase kDoubleCases[] = {
 TEST(Math, DoubleFunctionsAreAccurate) {
     for (const DoubleCase &c : kDoubleCases) {
         SCOPED_TRACE(c.name);
-        [[maybe_unused]] long double worst = 0;
-        uint64_t hash = 14695981039346656037ull;
-        const std::vector<double> x = DoubleSweep(c.lo, c.hi, 200000, 7);
-        for (double v : x) {
-            const double y = c.function(v);
-            hash = HashBits(hash, std::bit_cast<uint64_t>(y), 8);
-#if defined(__x86_64__)
-            worst = std::max(worst, UlpError(y, c.exact(v)));
-#endif
-        }
-#if defined(__x86_64__)
-        EXPECT_LE(worst, c.bound_ulp);
-        std::printf("%s: worst %.3Lf ULP over %zu points\n", c.name, worst, x.size());
-#endif
-        EXPECT_EQ(hash, c.hash) << std::hex << "0x" << hash;
+        ExpectAccurateAndRecorded(c.name, DoubleSweep(c.lo, c.hi, 200000, 7), c.function, c.exact, c.bound_ulp,
+                                  c.hash);
     }
 }
 

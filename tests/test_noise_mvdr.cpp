@@ -10,8 +10,10 @@
 
 #include "Beamformer_core.h"
 #include "complex_matrix.h"
+#include "support.h"
 
 using namespace kivbf;
+using kivbf_test::BinOf, kivbf_test::SetBinOf;
 
 namespace {
 
@@ -39,21 +41,12 @@ std::unique_ptr<BfCoreState> FreshState(uint32_t calibration_flag = 0) {
     return s;
 }
 
-void SetBin(BfCoreState &s, int32_t m, int32_t k, cf value) {
-    s.mic_spectrum[m][2 * k] = value.real();
-    s.mic_spectrum[m][2 * k + 1] = value.imag();
-}
-
 // Different from bin to bin and between the microphones.
 void FillSpectra(BfCoreState &s) {
     for (int32_t k = 0; k < kBins; ++k) {
-        SetBin(s, 0, k, std::polar(0.001f * (1 + k % 7), 0.1f * k));
-        SetBin(s, 1, k, std::polar(0.002f * (1 + k % 5), -0.3f * k));
+        SetBinOf(s.mic_spectrum[0], k, std::polar(0.001f * (1 + k % 7), 0.1f * k));
+        SetBinOf(s.mic_spectrum[1], k, std::polar(0.002f * (1 + k % 5), -0.3f * k));
     }
-}
-
-cd Weight(const BfCoreState &s, int32_t m, int32_t k) {
-    return {s.beam_weights[m][2 * k], s.beam_weights[m][2 * k + 1]};
 }
 
 cd Steering(const BfCoreState &s, int32_t m, int32_t k) {
@@ -91,8 +84,8 @@ TEST(NoiseCovariance, RunningMeanOfThirteenThenForgettingOneTwelfth) {
     for (int i = 0; i < 14; ++i) {
         // Normalised [[.5, .5], [.5, .5]] twelve times, then [[1, 0], [0, 0]].
         for (int32_t k = 0; k < kBins; ++k) {
-            SetBin(*s, 0, k, x);
-            SetBin(*s, 1, k, i < 12 ? x : cf{});
+            SetBinOf(s->mic_spectrum[0], k, x);
+            SetBinOf(s->mic_spectrum[1], k, i < 12 ? x : cf{});
         }
         Bf_NoiseCovarianceUpdate(*s);
         EXPECT_EQ(s->cov_counter, std::min(i + 1, 13));
@@ -109,7 +102,7 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
     Bf_AdaptiveWeights(*s);
     for (int32_t k = 0; k < kBins; ++k)
         for (int32_t m = 0; m < kMics; ++m)
-            EXPECT_NEAR(std::abs(Weight(*s, m, k) - std::conj(Steering(*s, m, k)) / 2.0), 0.0, 1e-6)
+            EXPECT_NEAR(std::abs(BinOf(s->beam_weights[m], k) - std::conj(Steering(*s, m, k)) / 2.0), 0.0, 1e-6)
                 << k;
 
     for (int32_t k = 0; k < kBins; ++k) {
@@ -122,7 +115,7 @@ TEST(AdaptiveWeights, DelayAndSumForIdentityAndUnitGainForAnyCovariance) {
     Bf_AdaptiveWeights(*s);
     for (int32_t k = 0; k < kBins; ++k) {
         const cd response =
-            Weight(*s, 0, k) * Steering(*s, 0, k) + Weight(*s, 1, k) * Steering(*s, 1, k);
+            BinOf(s->beam_weights[0], k) * Steering(*s, 0, k) + BinOf(s->beam_weights[1], k) * Steering(*s, 1, k);
         EXPECT_NEAR(std::abs(response - 1.0), 0.0, 1e-5) << k;
     }
 }
@@ -162,15 +155,12 @@ TEST(AdaptiveWeights, KeptTablesFollowEveryChangeExactly) {
 TEST(ComplexMatrix, InverseInPlaceAndNormaliseWithZeroGuard) {
     const cf a[4] = {{1.0f, 0.5f}, {0.25f, -1.0f}, {-0.5f, 0.3f}, {2.0f, 1.0f}};
     float m[kCmat2Floats];
-    for (int i = 0; i < 4; ++i) {
-        m[2 * i] = a[i].real();
-        m[2 * i + 1] = a[i].imag();
-    }
+    for (int i = 0; i < 4; ++i) SetBinOf(m, i, a[i]);
     cmat2_inverse(m, m);
     const cf det = a[0] * a[3] - a[1] * a[2];
     const cf expected[4] = {a[3] / det, -a[1] / det, -a[2] / det, a[0] / det};
     for (int i = 0; i < 4; ++i)
-        EXPECT_NEAR(std::abs(cf(m[2 * i], m[2 * i + 1]) - expected[i]), 0.0f, 1e-5f) << i;
+        EXPECT_NEAR(std::abs(BinOf(m, i) - cd(expected[i])), 0.0, 1e-5) << i;
 
     // |trace|^2 = 0 is taken as 1e-6: an all-zero matrix stays zero instead of NaN.
     const float zero[kCmat2Floats] = {};

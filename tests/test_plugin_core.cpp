@@ -41,8 +41,10 @@ std::vector<int16_t> TalkerInNoise() {
     return pcm;
 }
 
+void ApplyDirectly(BeamControl control, AudioBfHandle &handle, void *storage, const BeamControls &c);
+
 // The handle configured as the plugin core configures it (the kivbf tool's
-// settings of what the plugins do not expose).
+// settings of what the plugins do not expose), then each control's setter.
 AudioBfHandle Configured(void *storage, const BeamControls &c) {
     const float *v = c.value;
     const AudioBfInit init{kBlock, kRate, v[kControlSpacing], 2};
@@ -57,11 +59,8 @@ AudioBfHandle Configured(void *storage, const BeamControls &c) {
     EXPECT_EQ(KivBf_SetConfig(handle, &config), KIVBF_OK);
     EXPECT_EQ(KivBf_SetShape(handle, static_cast<uint32_t>(v[kControlShape])), KIVBF_OK);
     EXPECT_EQ(KivBf_SetCalibration(handle, 0), KIVBF_OK);
-    EXPECT_EQ(KivBf_SetMode(handle, static_cast<uint32_t>(v[kControlMode]), v[kControlAngle]), KIVBF_OK);
-    EXPECT_EQ(KivBf_SetAdaptiveIntensity(handle, static_cast<int32_t>(v[kControlIntensity])), KIVBF_OK);
-    EXPECT_EQ(KivBfExt_SetAutoSteer(handle, static_cast<uint32_t>(v[kControlAutoSteer])), KIVBF_OK);
-    EXPECT_EQ(KivBfExt_SetSearchWindow(handle, v[kControlWindowCentre], v[kControlWindowHalfWidth]),
-              KIVBF_OK);
+    for (BeamControl control : {kControlMode, kControlIntensity, kControlAutoSteer, kControlWindowCentre})
+        ApplyDirectly(control, handle, storage, c);
     return handle;
 }
 

@@ -3,7 +3,6 @@
 // reaches through whatever material it happens to generate.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -22,8 +21,6 @@ const std::string kErr = "[ALGO_MSG_ERR] [VAD] ";
 
 class VadTest : public testing::Test {
 protected:
-    void SetUp() override { setenv("DML_PATH", "/nonexistent/kivbf_vad_level.json", 1); }
-
     void *Make(uint32_t rate = 16000, uint32_t channels = 1) {
         const KivVadSetup setup{128, channels, rate};
         return KivVad_Init(memory_, &setup);
