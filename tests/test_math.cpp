@@ -60,8 +60,9 @@ long double UlpError(T y, long double exact) {
 // value is a normal T (on x86-64 only, where long double is precise enough),
 // and the hash of the results' bits against the one recorded on x86-64.
 template <typename T>
-void ExpectAccurateAndRecorded(const char *name, const std::vector<T> &x, T (*function)(T),
-                               long double (*exact)(long double), double bound_ulp, uint64_t recorded) {
+void ExpectAccurateAndRecorded([[maybe_unused]] const char *name, const std::vector<T> &x, T (*function)(T),
+                               [[maybe_unused]] long double (*exact)(long double),
+                               [[maybe_unused]] double bound_ulp, uint64_t recorded) {
     using Bits = std::conditional_t<sizeof(T) == 4, uint32_t, uint64_t>;
     [[maybe_unused]] long double worst = 0;
     uint64_t hash = kivbf_test::kFnv1aStart;
