@@ -67,18 +67,4 @@ inline std::vector<int16_t> MakeScene(const Recipe &r, int samples) {
     return scene;
 }
 
-// FNV-1a over the samples' little-endian bytes, 32 or 64 bits wide.
-template <typename Hash>
-Hash Fnv1a(const std::vector<int16_t> &samples) {
-    constexpr bool kWide = sizeof(Hash) == 8;
-    const Hash prime = kWide ? static_cast<Hash>(1099511628211ull) : static_cast<Hash>(16777619u);
-    Hash hash = kWide ? static_cast<Hash>(14695981039346656037ull) : static_cast<Hash>(2166136261u);
-    for (int16_t s : samples) {
-        const auto bits = static_cast<uint16_t>(s);
-        hash = (hash ^ (bits & 0xFFu)) * prime;
-        hash = (hash ^ (bits >> 8)) * prime;
-    }
-    return hash;
-}
-
 }  // namespace kivbf_scene

@@ -153,7 +153,9 @@ std::vector<int16_t> RunCase(const GoldenCase &c, const std::vector<int16_t> &sc
 std::string Figures(const std::vector<int16_t> &output, size_t frames) {
     int64_t energy = 0;
     int32_t peak = 0;
+    uint64_t hash = kivbf_test::kFnv1aStart;
     for (int16_t s : output) {
+        hash = kivbf_test::Fnv1a64(hash, static_cast<uint16_t>(s), 2);
         energy += static_cast<int32_t>(s) * s;
         peak = std::max(peak, std::abs(static_cast<int32_t>(s)));
     }
@@ -161,7 +163,7 @@ std::string Figures(const std::vector<int16_t> &output, size_t frames) {
     const long index = first == output.end() ? -1 : first - output.begin();
     char text[160];
     int length = std::snprintf(text, sizeof text, "%016llx %.3f %d %ld",
-                               static_cast<unsigned long long>(kivbf_scene::Fnv1a<uint64_t>(output)),
+                               static_cast<unsigned long long>(hash),
                                std::sqrt(static_cast<double>(energy) / frames), peak, index);
     for (auto it = first; it != output.end() && it - first < kShownSamples; ++it)
         length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), " %d", *it);
