@@ -26,6 +26,9 @@ struct BfEnhancedState {
     float transfer[4][kivbf::kBins];
     // The post-filter's clean-speech memory, G^2 gamma of the last block.
     float prior_snr_memory[kivbf::kBins];
+    // The beam output's power over its noise power (gamma), averaged over
+    // the last blocks; read by the next block's noise covariance.
+    float output_snr[kivbf::kBins];
     // How far the talker reaches the microphones as a plane wave rather than
     // as reverberation (0..1), each beyond a diffuse field's coherence:
     // dryness, the short moments' coherence in the bins the talker dominates,
@@ -41,7 +44,7 @@ struct BfEnhancedState {
     float dryness_keep;
 };
 
-inline constexpr size_t kEnhancedStateBudget = 7800;  // bytes of persistent state the mode may use
+inline constexpr size_t kEnhancedStateBudget = 8400;  // bytes of persistent state the mode may use
 static_assert(sizeof(BfEnhancedState) <= kEnhancedStateBudget);
 
 struct BfCoreState;

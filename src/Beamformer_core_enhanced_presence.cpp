@@ -25,7 +25,7 @@ constexpr float kResolvableArgument = 0.9f;  // omega d / c below: direction not
 constexpr float kTrackerPriorSnr = 31.6227766f;
 constexpr float kTrackerPresenceKeep = 0.9f;
 constexpr float kTrackerStuck = 0.99f;
-constexpr float kTrackerNoiseKeep = 0.8f;
+constexpr float kTrackerNoiseKeep = 0.9f;
 constexpr float kTrackerRatioLimit = 200.0f;
 
 // Logistic model over [1, ratio/10, local ratio/10, frame ratio/10,
