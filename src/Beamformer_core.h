@@ -8,6 +8,7 @@
 // vector kernels stream over are 16-byte aligned.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <type_traits>
@@ -30,6 +31,14 @@ inline constexpr float kSpectrumPowerScale = kSpectrumScale * kSpectrumScale;  /
 namespace kivbf {
 inline constexpr int32_t kLocateGrid = 32;     // candidate directions, uniform in sin(angle)
 inline constexpr int32_t kLocateMaxBins = 64;  // bins the finder weighs at most
+
+// 1.0 in every bin: the unit numerators and the unit gain that per-bin
+// stages read as arrays.
+alignas(16) inline constexpr std::array<float, kBins> kUnitBins = [] {
+    std::array<float, kBins> ones{};
+    ones.fill(1.0f);
+    return ones;
+}();
 }  // namespace kivbf
 
 // Direction finder and automatic steering (Beamformer_core_locate.cpp). All
@@ -186,7 +195,6 @@ struct BfCoreState {
     BF_ALIGN float spp_smoothed[kivbf::kMics][kivbf::kBins];
     BF_ALIGN float prior_snr_memory[kivbf::kMics][kivbf::kBins];  // G^2 gamma of the last block
     BF_ALIGN float wiener_gain[kivbf::kMics][kivbf::kBins];
-    BF_ALIGN float ones[kivbf::kBins];                // constant 1.0: unit numerators
     BF_ALIGN float speech_noise_ratio[kivbf::kBins];  // modes 3, 4; from microphone 0
     uint16_t noise_counter;                           // 0, 1, 2 (stays at 2)
     // Scratch of Bf_NoiseEstimate: what its first pass over the bins hands to
@@ -222,7 +230,6 @@ struct BfCoreState {
     BF_ALIGN float reference_power[kivbf::kBins];        // S, floored at 1e-6
 
     // --- Post-filter (modes 3, 4) -------------------------------------------------------
-    BF_ALIGN float unity_gain[kivbf::kBins];  // constant 1.0: the gain Bf_PostFilterMix mixes in
     BF_ALIGN float pf_raw_gain[kivbf::kBins];      // unsmoothed gain; persists
 
     // --- Direction finding and automatic steering (extension) ----------------------------
@@ -247,7 +254,7 @@ int32_t Bf_VolTableLookup(int32_t db);              // dB -> Q15 amplitude (kDbT
 // --- Preparations made by KivBf_SetMode (Beamformer_core_design.cpp) -------------------
 void Bf_ResetCovariance(BfCoreState &s);  // every bin's noise covariance to identity
 void Bf_ResetCanceller(BfCoreState &s);   // anc_filter 1 + 0i, reference_power 0
-void Bf_SetUnityGains(BfCoreState &s);    // band weights and ones to 1.0
+void Bf_SetUnityGains(BfCoreState &s);    // band weights to 1.0
 void Bf_DesignFixedBeam(BfCoreState &s);  // superdirective weights and steering_phase
 
 // --- Per-block stages, in the order KivBf_Run calls them --------------------------------

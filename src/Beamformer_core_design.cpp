@@ -27,7 +27,6 @@ void Bf_SetUnityGains(BfCoreState &s) {
     s.band_weight_low = 1.0f;
     s.band_weight_wide = 1.0f;
     s.band_weight_mid = 1.0f;
-    vec_fill(s.ones, 1.0f, kBins);
 }
 
 namespace {

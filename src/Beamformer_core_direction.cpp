@@ -95,7 +95,7 @@ void DirectionExponent(const BfCoreState &s, int32_t k, float *work) {
 
 template <typename T>
 void DirectionWeightBins(BfCoreState &s, int32_t k, const float *work) {
-    const T unit = Load<T>(s.ones, k);
+    const T unit = Load<T>(kUnitBins.data(), k);
     Store(s.direction_weight, k, Quotient(unit, Load<T>(work, k) * T(s.mode3_scale) + unit));
 }
 

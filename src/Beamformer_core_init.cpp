@@ -69,7 +69,6 @@ int32_t Bf_CoreInit(BfCoreState &s) {
     s.intensity_floor = preset.floor;
 
     for (float(&memory)[kBins] : s.prior_snr_memory) vec_fill(memory, 1.0f, kBins);
-    vec_fill(s.unity_gain, 1.0f, kBins);
 
     Bf_ResetCovariance(s);
     Bf_ResetCanceller(s);

@@ -66,7 +66,7 @@ void UpdatePass(BfCoreState &s, const MicPass &pass, const BfNoiseScratch &scrat
     const int32_t m = pass.m;
     const T power = Load<T>(scratch.power, k);
     const T gamma = Load<T>(scratch.posterior_snr, k);
-    const T unit = Load<T>(s.ones, k);
+    const T unit = Load<T>(kUnitBins.data(), k);
     const T one(1.0f);
 
     T noise = power;

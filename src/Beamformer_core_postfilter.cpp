@@ -147,5 +147,5 @@ void Bf_PostFilterApply(BfCoreState &s) {
 }
 
 void Bf_PostFilterMix(BfCoreState &s) {
-    vec_mix(s.unity_gain, s.pf_gain, s.pf_mix, s.pf_gain, kBins);
+    vec_mix(kUnitBins.data(), s.pf_gain, s.pf_mix, s.pf_gain, kBins);
 }

@@ -17,7 +17,6 @@ constexpr float kPerfectMatchWeight = 0.952574f;  // 1 / (1 + e^-3)
 
 std::unique_ptr<BfCoreState> MakeState() {
     auto s = std::make_unique<BfCoreState>();  // zeroed
-    for (float &v : s->ones) v = 1.0f;
     s->mode3_scale = 0.049787f;
     s->direction_slope = -6.0f;
     s->band_weight_low = s->band_weight_wide = s->band_weight_mid = 1.0f;

@@ -34,7 +34,6 @@ std::unique_ptr<BfCoreState> FreshState(uint32_t calibration_flag = 0) {
     for (int32_t k = 0; k < kBins; ++k) {
         s->bin_frequency[k] = static_cast<float>(k * 16000) / 256.0f;
         s->bin_loading[k] = 0.001f;
-        s->ones[k] = 1.0f;
         s->prior_snr_memory[0][k] = s->prior_snr_memory[1][k] = 1.0f;
     }
     Bf_ResetCovariance(*s);

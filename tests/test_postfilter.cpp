@@ -16,7 +16,6 @@ std::unique_ptr<BfCoreState> MakeState(int32_t mode, int32_t pf_flow, float raw_
     s->mode = mode;
     s->pf_flow = pf_flow;
     s->pf_mix = 0.001f;
-    std::fill_n(s->unity_gain, kBins, 1.0f);
     std::fill_n(s->pf_gain, kBins, 1.0f);
     std::fill_n(s->pf_raw_gain, kBins, raw_gain);
     return s;

@@ -54,7 +54,6 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(spp_smoothed);
     KIVBF_VISIT(prior_snr_memory);
     KIVBF_VISIT(wiener_gain);
-    KIVBF_VISIT(ones);
     KIVBF_VISIT(speech_noise_ratio);
     KIVBF_VISIT(noise_covariance);
     KIVBF_VISIT(mvdr_steering);
@@ -69,7 +68,6 @@ void ForEachStateFloat(const BfCoreState &s, Visit &&visit) {
     KIVBF_VISIT(beam_output);
     KIVBF_VISIT(anc_filter);
     KIVBF_VISIT(reference_power);
-    KIVBF_VISIT(unity_gain);
     KIVBF_VISIT(pf_raw_gain);
     KIVBF_VISIT(locate.window_low);
     KIVBF_VISIT(locate.window_high);
