@@ -30,7 +30,13 @@ inline constexpr float kSpectrumPowerScale = kSpectrumScale * kSpectrumScale;  /
 
 namespace kivbf {
 inline constexpr int32_t kLocateGrid = 32;     // candidate directions, uniform in sin(angle)
-inline constexpr int32_t kLocateMaxBins = 64;  // bins the finder weighs at most
+// The finder's band: consecutive bins up to the spacing's aliasing limit (at
+// most kLocateLowMaxBins), then every kLocateHighStride-th bin above it (at
+// most kLocateHighMaxBins).
+inline constexpr int32_t kLocateLowMaxBins = 64;
+inline constexpr int32_t kLocateHighMaxBins = 37;
+inline constexpr int32_t kLocateHighStride = 2;
+inline constexpr int32_t kLocateMaxBins = kLocateLowMaxBins + kLocateHighMaxBins;
 
 // 1.0 in every bin: the unit numerators and the unit gain that per-bin
 // stages read as arrays.
@@ -54,8 +60,9 @@ struct BfLocateState {
     float built_speed;          // m/s
     float built_axis;           // metres, microphone 1's x minus microphone 0's
     uint32_t built_rate;        // Hz
-    int32_t first_bin;          // the band the finder weighs
-    int32_t bin_count;          // <= kLocateMaxBins
+    int32_t first_bin;          // the band the finder weighs: its first bin,
+    int32_t low_count;          // how many consecutive bins from it,
+    int32_t bin_count;          // and in all, with the strided ones above (<= kLocateMaxBins)
     int32_t blocks_seen;        // since the build, counted up to the start-up length
     // Per candidate g: the expected cross-spectrum phase at first_bin and its
     // advance per bin, exp(j 2 pi f axis sin_g / c) in the FFT's convention.
@@ -63,6 +70,8 @@ struct BfLocateState {
     BF_ALIGN float phase_im[kivbf::kLocateGrid];
     BF_ALIGN float advance_re[kivbf::kLocateGrid];
     BF_ALIGN float advance_im[kivbf::kLocateGrid];
+    BF_ALIGN float stride_re[kivbf::kLocateGrid];  // the advance over kLocateHighStride bins
+    BF_ALIGN float stride_im[kivbf::kLocateGrid];
     BF_ALIGN float map[kivbf::kLocateGrid];        // tracked steered response power
     float map_weight;                              // tracked evidence the map holds
     // Per bin of the band: smoothed power, the noise's power and cross-spectrum.
@@ -245,7 +254,7 @@ static_assert(std::is_trivially_copyable_v<BfCoreState>);
 static_assert(std::is_standard_layout_v<BfCoreState>);
 static_assert(alignof(BfCoreState) == 16);
 static_assert(sizeof(BfCoreState) % 16 == 0, "regions 2 and 3 stay 16-byte aligned");
-static_assert(sizeof(BfLocateState) <= 3000, "the direction finder's share of the working buffer");
+static_assert(sizeof(BfLocateState) <= 4000, "the direction finder's share of the working buffer");
 
 // --- Initialisation and settings (Beamformer_core_init.cpp) ---------------------------
 int32_t Bf_CoreInit(BfCoreState &s);                // defaults of every adaptive array; FFT set-up

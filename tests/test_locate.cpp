@@ -3,6 +3,7 @@
 // estimate, and which modes steer at it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <random>
@@ -15,6 +16,19 @@
 using namespace kivbf_test;
 
 namespace {
+
+// A burst's envelope at time `heard`: on for 0.3 s in every 0.5 s after the
+// first 0.5 s, with 10 ms raised-cosine edges. Taken at each microphone's
+// own time, so that the edges arrive delayed as the tones do; a hard edge
+// at whole samples would be a click from broadside in every bin.
+double Envelope(double heard, bool bursts) {
+    if (!bursts) return 1.0;
+    if (heard < 0.5) return 0.0;
+    const double x = std::fmod(heard, 0.5), edge = 0.01;
+    if (x > 0.3) return 0.0;
+    const double g = std::min(std::min(x / edge, (0.3 - x) / edge), 1.0);
+    return 0.5 - 0.5 * std::cos(M_PI * g);
+}
 
 // A source of sinusoids between 300 Hz and 3.4 kHz from `degrees` (positive
 // towards microphone 0, which hears it earlier), delayed exactly per
@@ -31,9 +45,8 @@ void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool 
         const double f = frequency(random), p = phase(random);
         for (size_t n = 0; n < frames; ++n) {
             const double t = static_cast<double>(n) / rate;
-            if (bursts && (t < 0.5 || std::fmod(t, 0.5) > 0.3)) continue;
-            pcm[2 * n] += amplitude * std::sin(2.0 * M_PI * f * (t + lead) + p);
-            pcm[2 * n + 1] += amplitude * std::sin(2.0 * M_PI * f * (t - lead) + p);
+            pcm[2 * n] += Envelope(t + lead, bursts) * amplitude * std::sin(2.0 * M_PI * f * (t + lead) + p);
+            pcm[2 * n + 1] += Envelope(t - lead, bursts) * amplitude * std::sin(2.0 * M_PI * f * (t - lead) + p);
         }
     }
 }
@@ -101,9 +114,16 @@ TEST_F(Locate, FindsAPlaneWaveAtEveryRateAndAngle) {
             AddSource(x, angle, 300.0, true, rate, 0.05, 7);
             RunAll(buffer_, handle_, ToPcm(x), RunSetup{.rate = rate});
             float confidence = 0.0f;
-            // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe; near end-fire
-            // the candidates lie further apart in angle (80: between the last two).
-            EXPECT_NEAR(Estimate(handle_, &confidence), angle, (rate == 8000 ? 4.0 : 1.0) * (std::fabs(angle) > 60 ? 2.0 : 1.5)) << rate << " Hz";
+            const double estimate = Estimate(handle_, &confidence);
+            // 8 kHz weighs only bins up to 2.3 kHz, a wider lobe. Near end-fire
+            // the delay the pair measures, spacing * sin(angle) / c, hardly
+            // moves with the angle (80 and 90 degrees differ by 1.5 % of the
+            // largest delay), so there the estimate is judged by its sine.
+            if (std::fabs(angle) > 60)
+                EXPECT_NEAR(std::sin(estimate * M_PI / 180.0), std::sin(angle * M_PI / 180.0), rate == 8000 ? 0.02 : 0.01)
+                    << rate << " Hz " << angle << " read as " << estimate;
+            else
+                EXPECT_NEAR(estimate, angle, rate == 8000 ? 6.0 : 1.5) << rate << " Hz";
             // At 8 kHz the whole band lies where the reverberation is modelled
             // as almost fully coherent, which flattens the map.
             EXPECT_GT(confidence, rate == 8000 ? 0.1f : 0.2f) << rate << " Hz " << angle;
@@ -180,5 +200,5 @@ TEST_F(Locate, SameEstimatesOnEveryCpu) {
         const float degrees = Estimate(handle_, &confidence);
         for (float v : {degrees, confidence}) hash = Fnv1a64(hash, std::bit_cast<uint32_t>(v), 4);
     });
-    EXPECT_EQ(hash, 9391898420669746466ull);
+    EXPECT_EQ(hash, 155999553644682831ull);
 }
