@@ -390,8 +390,15 @@ float GatherEvidence(BfCoreState &s, Evidence &evidence, ShareEvidence &share) {
 // Adds the block's steered response at every candidate to the tracked map;
 // returns the evidence it added.
 float AccumulateMap(BfLocateState &l, const Evidence &e) {
+    // Past the last bin of any weight no lobe is added: the phases need not
+    // turn that far.
     float added = 0.0f;
-    for (int32_t i = 0; i < l.bin_count; ++i) added += e.weight[i];
+    int32_t end = 0;
+    for (int32_t i = 0; i < l.bin_count; ++i) {
+        added += e.weight[i];
+        if (e.weight[i] != 0.0f) end = i + 1;
+    }
+    const int32_t low_end = end < l.low_count ? end : l.low_count;
     const float32x4_t memory = vdupq_n_f32(kMapMemory);
     const float32x4_t half = vdupq_n_f32(0.5f);
     for (int32_t g = 0; g < kLocateGrid; g += lanes::kLanes) {
@@ -408,7 +415,7 @@ float AccumulateMap(BfLocateState &l, const Evidence &e) {
             if (e.weight[i] == 0.0f) return;
             const float32x4_t e_re = vdupq_n_f32(e.re[i]);
             const float32x4_t e_im = vdupq_n_f32(e.im[i]);
-            // (1 + cos(phase error)) / 2 to the 8th: a lobe about 0.6 rad
+            // (1 + cos(phase error)) / 2 to the 16th: a lobe about 0.6 rad
             // wide in phase instead of the plain cosine's 2 rad, so that two
             // sources 60 degrees apart give two peaks, not one between them.
             const float32x4_t agreement = vaddq_f32(vmulq_f32(e_re, re), vmulq_f32(e_im, im));
@@ -427,11 +434,11 @@ float AccumulateMap(BfLocateState &l, const Evidence &e) {
             re = next_re;
         };
         add_bin(0);
-        for (int32_t i = 1; i < l.low_count; ++i) {
+        for (int32_t i = 1; i < low_end; ++i) {
             turn(step_re, step_im);
             add_bin(i);
         }
-        for (int32_t i = l.low_count; i < l.bin_count; ++i) {
+        for (int32_t i = l.low_count; i < end; ++i) {
             turn(stride_re, stride_im);
             add_bin(i);
         }
