@@ -78,10 +78,10 @@ def evaluate(scene):
     block_truth = truth[np.arange(blocks) * BLOCK + BLOCK // 2]
     active = active_blocks(rendered.talker[:, 0], rate)[:blocks]
     error = np.abs(estimate - block_truth)[active]
-    result = {"name": scene["name"], "check": scene["check"], "median": float(np.median(error)),
+    result = {"name": scene["name"], "check": scene.get("check"), "median": float(np.median(error)),
               "near": float(np.mean(error <= NEAR_DEG)), "confidence": float(np.median(confidence[active])),
               "description": rendered.description}
-    if scene["check"] == "two talkers":
+    if result["check"] == "two talkers":
         azimuth = scene["talker"]["azimuth"]
         windowed, _ = run_finder(rendered, (azimuth, WINDOW_HALF_WIDTH))
         low, high = max(azimuth - WINDOW_HALF_WIDTH, -90.0), min(azimuth + WINDOW_HALF_WIDTH, 90.0)
