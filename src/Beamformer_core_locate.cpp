@@ -98,19 +98,10 @@ inline float Max(float a, float b) { return lanes::Max(a, b); }
 inline float32x4_t Max(float32x4_t a, float32x4_t b) { return vmaxq_f32(a, b); }
 inline float Min(float a, float b) { return lanes::Min(a, b); }
 inline float32x4_t Min(float32x4_t a, float32x4_t b) { return vminq_f32(a, b); }
-// Max and min against a constant other than zero. SSE's maxps and minps
-// return their second operand where either is NaN, so with the constant
-// first they give NEON's bits in one instruction, where the emulation of
-// NEON's max and min handles NaN with several.
-inline float AtLeast(float a, float c) { return Max(a, c); }
+inline float AtLeast(float a, float c) { return lanes::AtLeast(a, c); }
 inline float32x4_t AtLeast(float32x4_t a, float c) { return lanes::AtLeast(lanes::Float4(a), c).v; }
-inline float AtMost(float a, float c) { return Min(a, c); }
-inline float32x4_t AtMost(float32x4_t a, float c) {
-#if !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
-    if (c != 0.0f && c == c) return _mm_min_ps(_mm_set1_ps(c), a);
-#endif
-    return vminq_f32(a, vdupq_n_f32(c));
-}
+inline float AtMost(float a, float c) { return lanes::AtMost(a, c); }
+inline float32x4_t AtMost(float32x4_t a, float c) { return lanes::AtMost(lanes::Float4(a), c).v; }
 inline float Root(float a) { return lanes::SquareRoot(a); }
 inline float32x4_t Root(float32x4_t a) { return lanes::SquareRoot(a); }
 inline float Load(const float *p, float) { return *p; }

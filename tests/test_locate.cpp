@@ -32,8 +32,7 @@ double Envelope(double heard, bool bursts) {
 
 // A source of sinusoids between 300 Hz and 3.4 kHz from `degrees` (positive
 // towards microphone 0, which hears it earlier), delayed exactly per
-// microphone; `bursts` switches it on for 0.3 s in every 0.5 s after the
-// first 0.5 s, over a faint noise floor.
+// microphone; `bursts` shapes it by Envelope. Over a faint noise floor.
 void AddSource(std::vector<double> &pcm, double degrees, double amplitude, bool bursts, uint32_t rate,
                double spacing_m, uint32_t seed) {
     std::mt19937 random(seed);

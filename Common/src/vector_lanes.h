@@ -12,6 +12,7 @@
 //                last bin
 //   Max, Min     NaN in, NaN out in both, as NEON's max and min have it
 //   AtLeast      Max against a constant floor
+//   AtMost       Min against a constant ceiling
 // ExactQuotient is IEEE division in both, for stages whose quotients have
 // always been exact. A fused loop thus gives the bits of the element-wise
 // kernels it replaces, and which bins take which path is part of the result.
@@ -170,6 +171,15 @@ inline float Min(float a, float b) {
     if (std::isnan(a) || std::isnan(b)) return std::numeric_limits<float>::quiet_NaN();
     return a < b ? a : b;
 }
+// Min(a, ceiling) for a ceiling that is a number other than zero: minps
+// with the constant first, as AtLeast has maxps.
+inline Float4 AtMost(Float4 a, float ceiling) {
+#if !defined(__ARM_NEON) && defined(SIMDE_X86_SSE_NATIVE)
+    if (ceiling != 0.0f && ceiling == ceiling) return Float4(_mm_min_ps(_mm_set1_ps(ceiling), a.v));
+#endif
+    return Min(a, Float4(ceiling));
+}
+inline float AtMost(float a, float ceiling) { return Min(a, ceiling); }
 
 // Comparisons give a mask (all ones where true) in lanes, a bool on a float.
 inline uint32x4_t Greater(Float4 a, Float4 b) { return vcgtq_f32(a.v, b.v); }
