@@ -78,6 +78,8 @@ def main(argv=None):
     parser.add_argument("--only", help="comma-separated scene names to run")
     parser.add_argument("--look-offset", type=float, default=0.0, metavar="DEG",
                         help="steer every processor this many degrees beside each scene's look direction")
+    parser.add_argument("--rate", type=int, choices=scenes.SAMPLE_RATES, metavar="HZ",
+                        help="render every scene at this sample rate instead of its own")
     parser.add_argument("--plot", action="store_true", help="draw bars and spectrograms into --out")
     parser.add_argument("--out", default="kivbf-eval", help="directory for results.csv and plots")
     args = parser.parse_args(argv)
@@ -91,6 +93,8 @@ def main(argv=None):
     if args.only:
         wanted = set(args.only.split(","))
         scene_list = [s for s in scene_list if s["name"] in wanted]
+    if args.rate:
+        scene_list = [{**s, "sample_rate": args.rate} for s in scene_list]
 
     if "DML_PATH" not in os.environ:      # only the library's errors, not its start-up notes
         level_file = os.path.join(tempfile.mkdtemp(prefix="kivbf-eval-"), "level.json")
