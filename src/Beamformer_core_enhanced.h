@@ -42,6 +42,7 @@ struct BfEnhancedState {
     float noise_keep_absent;
     float transfer_keep;
     float dryness_keep;
+    float dryness_relax;
 };
 
 inline constexpr size_t kEnhancedStateBudget = 8400;  // bytes of persistent state the mode may use

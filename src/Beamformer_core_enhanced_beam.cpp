@@ -98,7 +98,7 @@ constexpr float kBeamGainFree = 0.7f;
 // - Dryness: the short moments' coherence beyond a diffuse field's, over the
 //   resolvable bins whose presence exceeds kDominated, weighted by it, and
 //   averaged over blocks with kLogDrynessKeep (blocks whose weights sum to
-//   less than kDominatedMinWeight leave it). Speech is sparse: in a free field
+//   less than kDominatedMinWeight let it drift back to 0). Speech is sparse: in a free field
 //   such a bin holds the talker alone and reads near 1 even with an
 //   interfering talker louder overall, whose mixture would spoil a long
 //   average's coherence. Reverberation lowers it: at the end of 8 s the
@@ -124,6 +124,11 @@ constexpr float kBeamGainFree = 0.7f;
 constexpr float kDominated = 0.8f;
 constexpr float kDominatedMinWeight = 4.0f;
 constexpr double kLogDrynessKeep = -0.01005033585350145;  // ln 0.99
+// Blocks without that evidence let the dryness drift back towards 0, where a
+// fresh start stands (about 8 s), so that a reading from before (hostile
+// input, a quieter place) cannot hold the dry treatment in a noisy room
+// where the talker rarely dominates a bin.
+constexpr double kLogDrynessRelax = -0.0010005003335835335;  // ln 0.999
 constexpr float kDryLow = 0.62f;
 constexpr float kDryHigh = 0.72f;
 constexpr float kLoadingDry = 0.001f;
@@ -184,6 +189,7 @@ void Bf_EnhancedStart(BfCoreState &s) {
     e.noise_keep_absent = keep_per_block(kLogNoiseKeepAbsent);
     e.transfer_keep = keep_per_block(kLogTransferKeep);
     e.dryness_keep = keep_per_block(kLogDrynessKeep);
+    e.dryness_relax = keep_per_block(kLogDrynessRelax);
 }
 
 void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
@@ -389,5 +395,7 @@ void Bf_EnhancedBlock(BfCoreState &s, float *spectrum) {
     e.look_fit = evident_bins >= kFitMinBins ? fit_sum / static_cast<float>(evident_bins) : 0.0f;
     if (weight_sum >= kDominatedMinWeight)
         e.dryness = e.dryness_keep * e.dryness + (1.0f - e.dryness_keep) * (coherence_sum / weight_sum);
+    else
+        e.dryness *= e.dryness_relax;
     if (e.blocks < kBlockCountLimit) ++e.blocks;
 }

@@ -48,6 +48,8 @@ SLIPS = [
      "vec_scale(s.direction_weight, s.band_weight_low,", "vec_scale(s.direction_weight, s.band_weight_mid,"),
     ("finder's leakage test dropped", "src/Beamformer_core_locate.cpp",
      "kHighBandLevel = 0.01f;", "kHighBandLevel = 0.0f;"),
+    ("dryness held without evidence", "src/Beamformer_core_enhanced_beam.cpp",
+     "e.dryness *= e.dryness_relax;", "e.dryness *= 1.0f;"),
 ]
 
 

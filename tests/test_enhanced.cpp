@@ -49,9 +49,9 @@ std::vector<float> Voice(size_t samples, float f0, float syllable_hz, uint32_t s
 // Two-channel 16-bit scene: the talker at broadside, a talker-like
 // interferer at end-fire (two samples earlier at microphone 0) scaled by
 // `interferer_gain`, with
-// `reflections` random late arrivals per source and microphone, and a little
-// independent sensor noise.
-std::vector<int16_t> Scene(size_t samples, int reflections, float interferer_gain = 1.0f) {
+// `reflections` random late arrivals per source and microphone, and
+// independent noise of `hiss` peak at each microphone.
+std::vector<int16_t> Scene(size_t samples, int reflections, float interferer_gain = 1.0f, float hiss = 0.002f) {
     const std::vector<float> talker = Voice(samples, 130.0f, 3.1f, 1);
     const std::vector<float> other = Voice(samples, 210.0f, 2.3f, 2);
     std::vector<float> mic[2] = {std::vector<float>(samples), std::vector<float>(samples)};
@@ -68,7 +68,7 @@ std::vector<int16_t> Scene(size_t samples, int reflections, float interferer_gai
             for (const auto &[lag, gain] : taps)
                 for (size_t n = lag; n < samples; ++n) mic[m][n] += gain * (*sources[src])[n - lag];
         }
-        for (float &v : mic[m]) v += 0.002f * random.Next();
+        for (float &v : mic[m]) v += hiss * random.Next();
     }
     std::vector<int16_t> pcm(2 * samples);
     for (size_t n = 0; n < samples; ++n)
@@ -138,7 +138,9 @@ TEST(Enhanced, SetModeLeavesTheChosenModeAsAlways) {
 }
 
 // Three minutes of hostile input, then 16 s of a reverberant scene: over the
-// scene's last 8 s the output is within -20 dB of a fresh handle's.
+// scene's last 8 s the output is within -20 dB of a fresh handle's. Also
+// under a loud hiss, where the talker rarely dominates a bin and whatever
+// the hostile input taught the mode is seldom corrected by evidence.
 TEST(Enhanced, KeepsItsFootingAfterHostileInput) {
     const size_t segment = kRate * 30;  // six kinds of 30 s
     std::vector<int16_t> hostile(2 * 6 * segment);
@@ -153,23 +155,24 @@ TEST(Enhanced, KeepsItsFootingAfterHostileInput) {
         for (int kind = 0; kind < 6; ++kind)
             for (int m = 0; m < 2; ++m) hostile[2 * (kind * segment + n) + m] = rows[kind][m];
     }
-    const std::vector<int16_t> scene = Scene(kRate * 16, 60);
-
-    Handle survivor, fresh;
-    ASSERT_EQ(KivBfExt_SetEnhancedMode(survivor.get(), 1), KIVBF_OK);
-    ASSERT_EQ(KivBfExt_SetEnhancedMode(fresh.get(), 1), KIVBF_OK);
-    RunStream(survivor.get(), hostile);
-    const std::vector<int16_t> out_s = RunStream(survivor.get(), scene), out_f = RunStream(fresh.get(), scene);
-    ASSERT_EQ(out_s.size(), out_f.size());
-    const size_t from = out_f.size() / 2;
-    double difference = 0.0, energy = 0.0;
-    for (size_t i = from; i < out_f.size(); ++i) {
-        const double d = static_cast<double>(out_s[i]) - out_f[i];
-        difference += d * d;
-        energy += static_cast<double>(out_f[i]) * out_f[i];
+    for (float hiss : {0.002f, 0.3f}) {
+        const std::vector<int16_t> scene = Scene(kRate * 16, 60, 1.0f, hiss);
+        Handle survivor, fresh;
+        ASSERT_EQ(KivBfExt_SetEnhancedMode(survivor.get(), 1), KIVBF_OK);
+        ASSERT_EQ(KivBfExt_SetEnhancedMode(fresh.get(), 1), KIVBF_OK);
+        RunStream(survivor.get(), hostile);
+        const std::vector<int16_t> out_s = RunStream(survivor.get(), scene), out_f = RunStream(fresh.get(), scene);
+        ASSERT_EQ(out_s.size(), out_f.size());
+        const size_t from = out_f.size() / 2;
+        double difference = 0.0, energy = 0.0;
+        for (size_t i = from; i < out_f.size(); ++i) {
+            const double d = static_cast<double>(out_s[i]) - out_f[i];
+            difference += d * d;
+            energy += static_cast<double>(out_f[i]) * out_f[i];
+        }
+        const double db = 10.0 * std::log10(difference / energy + 1e-30);
+        EXPECT_LT(db, -20.0) << "hiss " << hiss;
     }
-    const double db = 10.0 * std::log10(difference / energy + 1e-30);
-    EXPECT_LT(db, -20.0);
 }
 
 // Anechoic, talker at broadside, a talker-like interferer at end-fire 6 dB
