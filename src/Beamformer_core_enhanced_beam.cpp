@@ -97,15 +97,15 @@ constexpr float kBeamGainFree = 0.7f;
 // Dry talker.
 // - Dryness: the short moments' coherence beyond a diffuse field's, over the
 //   resolvable bins whose presence exceeds kDominated, weighted by it, and
-//   averaged over blocks with kLogDrynessKeep (blocks whose weights sum to
-//   less than kDominatedMinWeight let it drift back to 0). Speech is sparse: in a free field
-//   such a bin holds the talker alone and reads near 1 even with an
-//   interfering talker louder overall, whose mixture would spoil a long
-//   average's coherence. Reverberation lowers it: at the end of 8 s the
+//   averaged over blocks with kLogDrynessKeep (blocks whose weights sum to less
+//   than kDominatedMinWeight let it drift back to 0, kLogDrynessRelax). Speech
+//   is sparse: in a free field such a bin holds the talker alone and reads near
+//   1 even with an interfering talker louder overall, whose mixture would spoil
+//   a long average's coherence. Reverberation lowers it: at the end of 8 s the
 //   benchmark's rooms (RT60 0.2 s and up) read 0.09-0.60 (one with a tonal
 //   interferer 0.65), its free fields 0.58-0.96 (0.67 and up where the
-//   interferer is a talker). The moments' smoothing and the presence's
-//   weights set these readings.
+//   interferer is a talker). The moments' smoothing and the presence's weights
+//   set these readings.
 //   From kDryLow to kDryHigh it moves the loading towards kLoadingDry, the
 //   post-filter's floor where the talker is present towards
 //   kGainFloorPresentDry (the talker passes wherever it is present), and
