@@ -1,5 +1,6 @@
 #include "peer_webrtc.h"
 
+#include <cmath>
 #include <vector>
 
 #include "webrtc/modules/audio_processing/include/audio_processing.h"
@@ -10,13 +11,21 @@ namespace {
 webrtc::AudioProcessing *Processor(void *p) { return static_cast<webrtc::AudioProcessing *>(p); }
 }  // namespace
 
-PeerBeamformer::PeerBeamformer(int sample_rate, float spacing_m)
+PeerBeamformer::PeerBeamformer(int sample_rate, float spacing_m) : PeerBeamformer(sample_rate, spacing_m, 0.0f) {}
+
+PeerBeamformer::PeerBeamformer(int sample_rate, float spacing_m, float look_deg)
     : processor_(nullptr), sample_rate_(sample_rate),
       frame_samples_(static_cast<size_t>(sample_rate / 100)) {
+    // Broadside is an azimuth of pi/2 for this geometry; a source towards
+    // microphone 0 (the first channel) lies below it. The sign was settled
+    // on the room benchmark's free-field scenes: the other one put the
+    // peer's null on the talker (median SNR -5.2 dB instead of +5.0).
     const std::vector<webrtc::Point> geometry = {webrtc::Point(-spacing_m / 2, 0.0f, 0.0f),
                                                  webrtc::Point(spacing_m / 2, 0.0f, 0.0f)};
+    const float azimuth = static_cast<float>(M_PI / 2 - look_deg * M_PI / 180);
     webrtc::Config config;
-    config.Set<webrtc::Beamforming>(new webrtc::Beamforming(true, geometry));
+    config.Set<webrtc::Beamforming>(
+        new webrtc::Beamforming(true, geometry, webrtc::SphericalPointf(azimuth, 0.0f, 1.0f)));
     processor_ = webrtc::AudioProcessing::Create(config);
 }
 

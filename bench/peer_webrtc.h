@@ -20,6 +20,9 @@ class PeerBeamformer {
 public:
     // Two microphones on a line, `spacing_m` apart, looking at broadside.
     PeerBeamformer(int sample_rate, float spacing_m);
+    // The same, looking `look_deg` degrees from broadside towards microphone 0
+    // (the library's convention).
+    PeerBeamformer(int sample_rate, float spacing_m, float look_deg);
     ~PeerBeamformer();
     PeerBeamformer(const PeerBeamformer &) = delete;
     PeerBeamformer &operator=(const PeerBeamformer &) = delete;
