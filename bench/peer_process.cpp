@@ -34,8 +34,8 @@ int main(int argc, char **argv) {
     pcm.resize(2 * ((frames + step - 1) / step) * step, 0);
     const kivbf_bench::PeerChannels channels(pcm);
     std::vector<float> out(channels.mic0.size());
-    for (size_t at = 0; at < out.size(); at += step) {
-        const int status = peer.Process(&channels.mic0[at], &channels.mic1[at], &out[at]);
+    for (size_t frame = 0; frame < out.size() / step; ++frame) {
+        const int status = peer.ProcessFrame(channels, frame, &out[frame * step]);
         if (status != 0) {
             std::fprintf(stderr, "peer_process: ProcessStream returned %d\n", status);
             return 1;
